@@ -1,0 +1,173 @@
+/* Loads the built library the way a foreign program does, through the public
+ * header alone, compiled as C, and checks the contract as such a caller sees
+ * it: identities, counts, queryInterface answers, out-slot assignment and
+ * destruction. Usage: LibraryCTest <path to libQuorvendaleStorageClient.so> */
+#include <dlfcn.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "Quorvendale/ILibrary.h"
+
+static int failures;
+
+#define CHECK(condition)                                                               \
+    do {                                                                               \
+        if (!(condition)) {                                                            \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+            ++failures;                                                                \
+        }                                                                              \
+    } while (0)
+
+/* A loader handle of the caller's own, counting the releases it receives. */
+typedef struct LoaderHandle {
+    IInterface base;
+    int releases;
+} LoaderHandle;
+
+static ResultCode QV_CALL handleQuery(IInterface* self, const InterfaceId* id, void** out) {
+    (void)self;
+    (void)id;
+    *out = NULL;
+    return QV_E_NOINTERFACE;
+}
+static uint32_t QV_CALL handleAddRef(IInterface* self) {
+    (void)self;
+    return 1;
+}
+static uint32_t QV_CALL handleRelease(IInterface* self) {
+    ((LoaderHandle*)self)->releases++;
+    return 0;
+}
+static const IInterfaceTable handleTable = {handleQuery, handleAddRef, handleRelease};
+
+/* Array-out into a fixed buffer, remembering how often and with what length it was called. */
+typedef struct Captured {
+    char bytes[256];
+    uint32_t length;
+    int calls;
+} Captured;
+
+static void* QV_CALL capture(void* context, uint32_t length) {
+    Captured* captured = (Captured*)context;
+    captured->calls++;
+    captured->length = length;
+    return length <= sizeof captured->bytes ? captured->bytes : NULL;
+}
+
+/* The interface count after a matched addRef/release pair. */
+static uint32_t countOf(ILibrary* library) {
+    library->table->addRef(library);
+    return library->table->release(library);
+}
+
+static void checkQueryInterface(ILibrary* library) {
+    void* out = (void*)&failures; /* a non-null sentinel that each failure must clear */
+    InterfaceId almostLibrary = IID_ILibrary;
+
+    CHECK(library->table->queryInterface(library, &IID_ILibrary, NULL) == QV_E_POINTER);
+    CHECK(countOf(library) == 1);
+
+    CHECK(library->table->queryInterface(library, &IID_IStorage, &out) == QV_E_NOINTERFACE);
+    CHECK(out == NULL);
+
+    almostLibrary.data4[7] ^= 0x01;
+    out = (void*)&failures;
+    CHECK(library->table->queryInterface(library, &almostLibrary, &out) == QV_E_NOINTERFACE);
+    CHECK(out == NULL);
+
+    /* The most-derived table answers its bases' identifiers, counted. */
+    CHECK(library->table->queryInterface(library, &IID_IInterface, &out) == QV_S_OK);
+    CHECK(out == (void*)library);
+    CHECK(countOf(library) == 2);
+    CHECK(library->table->release(library) == 1);
+    CHECK(library->table->queryInterface(library, &IID_IUnsafe, &out) == QV_S_OK);
+    CHECK(out == (void*)library);
+    CHECK(library->table->release(library) == 1);
+
+    /* IExceptionData answers on every object and is never counted. */
+    out = NULL;
+    CHECK(library->table->queryInterface(library, &IID_IExceptionData, &out) == QV_S_OK);
+    CHECK(out != NULL && out != (void*)library);
+    CHECK(countOf(library) == 1);
+}
+
+static void checkExceptionData(ILibrary* library) {
+    IExceptionData* data = NULL;
+    Captured captured;
+    const char message[] = "with\0zero";
+
+    CHECK(library->table->queryInterface(library, &IID_IExceptionData, (void**)&data) == QV_S_OK);
+    if (data == NULL) return;
+
+    /* It answers queryInterface for the object too, uncounted for itself. */
+    {
+        void* again = NULL;
+        CHECK(data->table->queryInterface(data, &IID_IExceptionData, &again) == QV_S_OK);
+        CHECK(again == (void*)data);
+    }
+
+    CHECK(data->table->setMessage(data, message, sizeof message - 1) == QV_S_OK);
+    memset(&captured, 0, sizeof captured);
+    CHECK(data->table->getMessage(data, &captured, capture) == QV_S_OK);
+    CHECK(captured.calls == 1);
+    CHECK(captured.length == sizeof message - 1);
+    CHECK(memcmp(captured.bytes, message, sizeof message - 1) == 0);
+
+    /* An empty text still calls the callback, once, with length 0. */
+    CHECK(data->table->setMessage(data, NULL, 0) == QV_S_OK);
+    memset(&captured, 0, sizeof captured);
+    CHECK(data->table->getMessage(data, &captured, capture) == QV_S_OK);
+    CHECK(captured.calls == 1 && captured.length == 0);
+}
+
+int main(int argc, char** argv) {
+    void* module;
+    GetLibraryInterfaceFunction getLibrary;
+    LoaderHandle handle = {{&handleTable}, 0};
+    ILibrary* first = NULL;
+    ILibrary* second = NULL;
+    ILibrary* slot;
+
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s <path to the library>\n", argv[0]);
+        return 2;
+    }
+    module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    if (module == NULL) {
+        fprintf(stderr, "dlopen: %s\n", dlerror());
+        return 2;
+    }
+    *(void**)&getLibrary = dlsym(module, "getLibraryInterface");
+    CHECK(getLibrary != NULL);
+    if (getLibrary == NULL) return 1;
+
+    /* The loader handle is released exactly once; each call makes a new object. */
+    CHECK(getLibrary(&handle.base, &first) == QV_S_OK);
+    CHECK(handle.releases == 1);
+    CHECK(getLibrary(NULL, &second) == QV_S_OK);
+    CHECK(first != NULL && second != NULL && first != second);
+    if (first == NULL || second == NULL) return 1;
+    CHECK(countOf(first) == 1 && countOf(second) == 1);
+    CHECK(getLibrary(NULL, NULL) == QV_E_POINTER);
+
+    checkQueryInterface(first);
+    checkExceptionData(first);
+
+    /* An out-slot that already holds a pointer has it released by the call. */
+    second->table->addRef(second); /* one for the slot, one kept here */
+    slot = second;
+    CHECK(getLibrary(NULL, &slot) == QV_S_OK);
+    CHECK(slot != NULL && slot != second);
+    CHECK(countOf(second) == 1);
+    CHECK(countOf(slot) == 1);
+
+    CHECK(slot->table->release(slot) == 0);
+    CHECK(second->table->release(second) == 0);
+    CHECK(first->table->release(first) == 0);
+
+    /* No dlclose: the library's per-thread message slot has registered a
+     * destructor for this thread, which keeps the module loaded until the
+     * thread ends whatever we do. */
+    if (failures == 0) printf("LibraryCTest: all checks passed\n");
+    return failures == 0 ? 0 : 1;
+}
