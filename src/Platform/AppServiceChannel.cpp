@@ -1,0 +1,208 @@
+#include "AppServiceChannel.h"
+
+#include <cerrno>
+#include <thread>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "ThreadPool.h"
+
+namespace Quorvendale::Platform::Details {
+namespace {
+
+// A frame body is received in steps that grow with what has arrived, so a
+// peer that announces a large frame and sends little makes us allocate
+// little, and a real large frame costs few reallocations.
+constexpr std::size_t firstReadStep = 64 * 1024;
+
+AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSet()}; }
+
+}  // namespace
+
+AppServiceChannel::~AppServiceChannel() { ::close(descriptor_); }
+
+std::shared_ptr<AppServiceChannel> AppServiceChannel::open(int descriptor) {
+    auto channel = std::make_shared<AppServiceChannel>(descriptor);
+    std::shared_ptr<AppServiceChannel> handle(
+        channel.get(), [channel](AppServiceChannel*) mutable { channel->close(false); });
+    channel->handle_ = handle;
+    // The reader owns the channel (not the handle) until the stream ends, so
+    // that the last handle going away still ends it.
+    std::thread([channel] { channel->readFrames(); }).detach();
+    return handle;
+}
+
+IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSet& message) {
+    AsyncCompletion<AppServiceResponse> completion;
+    std::uint64_t requestId = 0;
+    {
+        std::lock_guard lock(mutex_);
+        if (closed_) {
+            completion.Complete(failed());
+            return completion.operation();
+        }
+        requestId = ++lastRequestId_;
+        // Registered before the frame leaves: the answer may beat write() back.
+        waiting_.emplace(requestId, completion);
+    }
+    const auto frame = AppServiceFrame{AppServiceFrame::Kind::Request, requestId, message}.encode();
+    if (!frame || !write(*frame)) {
+        answer(requestId, frame ? failed()
+                                : AppServiceResponse{AppServiceResponseStatus::MessageSizeTooLarge,
+                                                     ValueSet()});
+    }
+    return completion.operation();
+}
+
+bool AppServiceChannel::write(const std::string& frame) {
+    std::lock_guard lock(writeMutex_);
+    for (std::size_t sent = 0; sent < frame.size();) {
+        // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
+        const ssize_t count =
+            ::send(descriptor_, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        sent += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+void AppServiceChannel::whenEnded(std::function<void()> handler) {
+    {
+        std::lock_guard lock(mutex_);
+        if (!closed_) {
+            ended_.add(std::move(handler));
+            return;
+        }
+    }
+    ThreadPool::submit(std::move(handler));
+}
+
+void AppServiceChannel::close(bool byPeer) {
+    decltype(waiting_) waiting;
+    {
+        std::lock_guard lock(mutex_);
+        if (closed_) return;
+        closed_ = true;
+        waiting.swap(waiting_);
+    }
+    // Wakes the reader (it sees the end of the stream) and any blocked writer.
+    ::shutdown(descriptor_, SHUT_RDWR);
+    for (auto& [requestId, completion] : waiting) completion.Complete(failed());
+    ThreadPool::submit([self = shared_from_this(), byPeer] {
+        if (auto handle = self->handle_.lock(); handle && byPeer) {
+            self->serviceClosed(AppServiceConnection(handle),
+                                AppServiceClosedEventArgs(AppServiceClosedStatus::Completed));
+        }
+        self->ended_();
+        // What the handlers hold (a task, its service) may now go.
+        self->requestReceived.clear();
+        self->serviceClosed.clear();
+        self->ended_.clear();
+    });
+}
+
+void AppServiceChannel::readFrames() {
+    while (auto frame = readFrame()) dispatch(std::move(*frame));
+    close(true);
+}
+
+std::optional<AppServiceFrame> AppServiceChannel::readFrame() {
+    try {
+        std::string length(AppServiceFrame::lengthSize, '\0');
+        if (!readExactly(length.data(), length.size())) return std::nullopt;
+        const std::size_t bodyLength = AppServiceFrame::bodyLength(length);
+        std::string body;
+        while (body.size() < bodyLength) {
+            const std::size_t step =
+                std::min(bodyLength - body.size(), std::max(firstReadStep, body.size()));
+            body.resize(body.size() + step);
+            if (!readExactly(body.data() + body.size() - step, step)) return std::nullopt;
+        }
+        return AppServiceFrame::decode(body);
+    } catch (const MalformedFrame&) {
+        return std::nullopt;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
+
+bool AppServiceChannel::readExactly(char* into, std::size_t size) {
+    while (size > 0) {
+        const ssize_t count = ::recv(descriptor_, into, size, 0);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        into += count;
+        size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+void AppServiceChannel::dispatch(AppServiceFrame&& frame) {
+    switch (frame.kind) {
+        case AppServiceFrame::Kind::Request:
+            raiseRequest(frame.requestId, std::move(frame.message));
+            break;
+        case AppServiceFrame::Kind::Response:
+            answer(frame.requestId, {AppServiceResponseStatus::Success, std::move(frame.message)});
+            break;
+        case AppServiceFrame::Kind::Refusal:
+            answer(frame.requestId, failed());
+            break;
+    }
+}
+
+void AppServiceChannel::raiseRequest(std::uint64_t requestId, ValueSet message) {
+    auto request =
+        std::make_shared<IncomingRequest>(shared_from_this(), requestId, std::move(message));
+    ThreadPool::submit([self = shared_from_this(), request] {
+        if (auto handle = self->handle_.lock()) {
+            self->requestReceived(AppServiceConnection(handle),
+                                  AppServiceRequestReceivedEventArgs(request));
+        }
+        request->release();
+    });
+}
+
+// An answer for a request no longer waiting (one already failed by close, or
+// a peer's invention) is dropped.
+void AppServiceChannel::answer(std::uint64_t requestId, AppServiceResponse response) {
+    std::optional<AsyncCompletion<AppServiceResponse>> completion;
+    {
+        std::lock_guard lock(mutex_);
+        auto waiting = waiting_.find(requestId);
+        if (waiting == waiting_.end()) return;
+        completion = std::move(waiting->second);
+        waiting_.erase(waiting);
+    }
+    completion->Complete(std::move(response));
+}
+
+AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
+    std::lock_guard lock(mutex_);
+    if (answered_) return AppServiceResponseStatus::Failure;
+    const auto frame =
+        AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
+    if (!frame) return AppServiceResponseStatus::MessageSizeTooLarge;
+    if (!channel->write(*frame)) return AppServiceResponseStatus::Failure;
+    answered_ = true;
+    return AppServiceResponseStatus::Success;
+}
+
+void IncomingRequest::hold() {
+    std::lock_guard lock(mutex_);
+    ++holds_;
+}
+
+void IncomingRequest::release() {
+    std::lock_guard lock(mutex_);
+    if (--holds_ > 0 || answered_) return;
+    // Nobody will answer any more: tell the requester rather than leave it waiting.
+    answered_ = true;
+    const auto frame =
+        AppServiceFrame{AppServiceFrame::Kind::Refusal, requestId, ValueSet()}.encode();
+    channel->write(*frame);
+}
+
+}  // namespace Quorvendale::Platform::Details

@@ -1,0 +1,152 @@
+// AppServiceConnection: a message channel between two processes over a
+// connected stream socket, one end per side. Either side may send requests
+// (SendMessageAsync) and receive them (RequestReceived); several requests may
+// be in flight at once, each answer matched to its request by id.
+//
+// Copies share one connection. The connection ends when its last copy goes,
+// on Close(), when the peer ends the stream, or when the peer sends a frame
+// that cannot be decoded. Then every request still waiting for its answer
+// completes with AppServiceResponseStatus::Failure; if the peer ended it,
+// ServiceClosed is raised. While open, a connection keeps the handlers
+// registered on it (and whatever they hold) alive; its end releases them.
+//
+// Events are raised on the runtime's thread pool, requests concurrently.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "IAsyncOperation.h"
+#include "ValueSet.h"
+#include "event.h"
+
+namespace Quorvendale::Platform {
+
+namespace Details {
+class AppServiceChannel;
+struct IncomingRequest;
+}  // namespace Details
+
+enum class AppServiceResponseStatus {
+    Success = 0,
+    Failure = 1,
+    ResourceLimitsExceeded = 2,
+    Unknown = 3,
+    RemoteSystemUnavailable = 4,
+    MessageSizeTooLarge = 5,
+};
+
+enum class AppServiceClosedStatus {
+    Completed = 0,
+    Canceled = 1,
+    ResourceLimitsExceeded = 2,
+    Unknown = 3
+};
+
+class QV_PLATFORM_API AppServiceResponse {
+  public:
+    AppServiceResponse(AppServiceResponseStatus status, ValueSet message)
+        : status_(status), message_(std::move(message)) {}
+    AppServiceResponseStatus Status() const noexcept { return status_; }
+    // The answer's message; empty unless Status() is Success.
+    ValueSet Message() const { return message_; }
+
+  private:
+    AppServiceResponseStatus status_;
+    ValueSet message_;
+};
+
+// Keeps a received request open after its handler returned, so the answer
+// may be sent later. Complete it once the answer has been sent. A request
+// whose handlers have returned and whose deferrals are all complete, with no
+// answer sent, is answered with a refusal: the requester sees Failure.
+class QV_PLATFORM_API AppServiceDeferral {
+  public:
+    void Complete() const;
+
+  private:
+    friend class AppServiceRequestReceivedEventArgs;
+    struct State;
+    explicit AppServiceDeferral(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    std::shared_ptr<State> state_;
+};
+
+class QV_PLATFORM_API AppServiceRequest {
+  public:
+    ValueSet Message() const;
+    // Sends the answer; completes with Success once it is written, Failure if
+    // the connection has ended or an answer was already sent, and
+    // MessageSizeTooLarge (sending nothing) if it does not fit in a frame.
+    IAsyncOperation<AppServiceResponseStatus> SendResponseAsync(const ValueSet& message) const;
+
+  private:
+    friend class AppServiceRequestReceivedEventArgs;
+    explicit AppServiceRequest(std::shared_ptr<Details::IncomingRequest> request)
+        : request_(std::move(request)) {}
+    std::shared_ptr<Details::IncomingRequest> request_;
+};
+
+class QV_PLATFORM_API AppServiceRequestReceivedEventArgs {
+  public:
+    explicit AppServiceRequestReceivedEventArgs(std::shared_ptr<Details::IncomingRequest> request)
+        : request_(std::move(request)) {}
+    AppServiceRequest Request() const { return AppServiceRequest(request_); }
+    AppServiceDeferral GetDeferral() const;
+
+  private:
+    std::shared_ptr<Details::IncomingRequest> request_;
+};
+
+class QV_PLATFORM_API AppServiceClosedEventArgs {
+  public:
+    explicit AppServiceClosedEventArgs(AppServiceClosedStatus status) : status_(status) {}
+    AppServiceClosedStatus Status() const noexcept { return status_; }
+
+  private:
+    AppServiceClosedStatus status_;
+};
+
+class QV_PLATFORM_API AppServiceConnection {
+  public:
+    using RequestReceivedHandler =
+        std::function<void(const AppServiceConnection&, const AppServiceRequestReceivedEventArgs&)>;
+    using ServiceClosedHandler =
+        std::function<void(const AppServiceConnection&, const AppServiceClosedEventArgs&)>;
+
+    // No connection: the empty value of a field that has not been set yet.
+    AppServiceConnection() noexcept = default;
+    AppServiceConnection(std::nullptr_t) noexcept {}
+    explicit operator bool() const noexcept { return channel_ != nullptr; }
+
+    // Takes over a connected stream socket (one end of a socketpair, say) and
+    // starts reading from it. The connection closes the descriptor.
+    static AppServiceConnection fromSocket(int descriptor);
+
+    // Completes with the peer's answer; with MessageSizeTooLarge, sending
+    // nothing, if the message does not fit in a frame; with Failure if the
+    // connection ends first or the peer refuses the request.
+    IAsyncOperation<AppServiceResponse> SendMessageAsync(const ValueSet& message) const;
+
+    event_token RequestReceived(RequestReceivedHandler handler) const;
+    void RequestReceived(event_token token) const;
+    event_token ServiceClosed(ServiceClosedHandler handler) const;
+    void ServiceClosed(event_token token) const;
+
+    // Ends the connection now, for both sides; the peer sees the stream end.
+    void Close() const;
+
+    // For the runtime's own use: runs the handler once when the connection
+    // ends, whatever ended it (at once, on the pool, if it already has).
+    void whenEnded(std::function<void()> handler) const;
+
+  private:
+    friend class Details::AppServiceChannel;
+    explicit AppServiceConnection(std::shared_ptr<Details::AppServiceChannel> channel)
+        : channel_(std::move(channel)) {}
+    Details::AppServiceChannel& channel() const;
+
+    std::shared_ptr<Details::AppServiceChannel> channel_;
+};
+
+}  // namespace Quorvendale::Platform

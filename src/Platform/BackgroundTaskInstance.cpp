@@ -1,0 +1,84 @@
+#include "BackgroundTaskInstance.h"
+
+#include "ThreadPool.h"
+
+namespace Quorvendale::Platform {
+
+IBackgroundTaskInstance::~IBackgroundTaskInstance() = default;
+IBackgroundTask::~IBackgroundTask() = default;
+
+BackgroundTaskDeferral::BackgroundTaskDeferral(std::function<void()> release)
+    : release_(std::make_shared<Release>()) {
+    release_->run = std::move(release);
+}
+
+void BackgroundTaskDeferral::Complete() const {
+    if (release_ && !release_->done.exchange(true)) release_->run();
+}
+
+hstring AppServiceTriggerDetails::GetRuntimeClassName() const {
+    return u"Windows.ApplicationModel.AppService.AppServiceTriggerDetails";
+}
+
+BackgroundTaskInstance::BackgroundTaskInstance(com_ptr<IInspectable> triggerDetails)
+    : triggerDetails_(std::move(triggerDetails)) {}
+
+com_ptr<BackgroundTaskInstance> BackgroundTaskInstance::forConnection(
+    const AppServiceConnection& connection) {
+    com_ptr<BackgroundTaskInstance> instance(
+        new BackgroundTaskInstance(make<AppServiceTriggerDetails>(connection)));
+    // The connection keeps the instance alive until it ends, then cancels it.
+    connection.whenEnded([instance] { instance->Cancel(BackgroundTaskCancellationReason::Abort); });
+    return instance;
+}
+
+hstring BackgroundTaskInstance::GetRuntimeClassName() const {
+    return u"Windows.ApplicationModel.Background.BackgroundTaskInstance";
+}
+
+BackgroundTaskDeferral BackgroundTaskInstance::GetDeferral() {
+    {
+        std::lock_guard lock(mutex_);
+        ++holds_;
+    }
+    return BackgroundTaskDeferral(
+        [self = com_ptr<BackgroundTaskInstance>(this)] { self->release(); });
+}
+
+event_token BackgroundTaskInstance::Canceled(BackgroundTaskCanceledEventHandler handler) {
+    return canceled_.add(std::move(handler));
+}
+
+void BackgroundTaskInstance::Canceled(event_token token) { canceled_.remove(token); }
+
+com_ptr<IInspectable> BackgroundTaskInstance::TriggerDetails() const { return triggerDetails_; }
+
+void BackgroundTaskInstance::run(IBackgroundTask& task) {
+    struct DropRunHold {
+        BackgroundTaskInstance* instance;
+        ~DropRunHold() { instance->release(); }
+    } dropRunHold{this};
+    task.Run(com_ptr<IBackgroundTaskInstance>(this));
+}
+
+void BackgroundTaskInstance::Cancel(BackgroundTaskCancellationReason reason) {
+    {
+        std::lock_guard lock(mutex_);
+        if (cancelRaised_) return;
+        cancelRaised_ = true;
+    }
+    ThreadPool::submit([self = com_ptr<BackgroundTaskInstance>(this), reason] {
+        self->canceled_(com_ptr<IBackgroundTaskInstance>(self), reason);
+        self->canceled_.clear();
+    });
+}
+
+void BackgroundTaskInstance::release() {
+    {
+        std::lock_guard lock(mutex_);
+        if (--holds_ > 0) return;
+    }
+    ended_.Complete(true);
+}
+
+}  // namespace Quorvendale::Platform

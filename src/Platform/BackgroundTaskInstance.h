@@ -1,0 +1,47 @@
+// BackgroundTaskInstance: the host's side of one running app-service task,
+// built around the connection it serves.
+//
+// run() calls the task's Run; the task has ended once Run has returned and
+// every deferral taken from the instance is complete (Ended() completes then).
+// Canceled is raised once, on the pool: when the connection ends, whichever
+// side ended it, or when the host calls Cancel. Its handlers are released
+// after that one raise.
+#pragma once
+
+#include <mutex>
+
+#include "AppServiceTriggerDetails.h"
+#include "IAsyncOperation.h"
+#include "IBackgroundTask.h"
+
+namespace Quorvendale::Platform {
+
+class QV_PLATFORM_API BackgroundTaskInstance final : public IBackgroundTaskInstance {
+  public:
+    static com_ptr<BackgroundTaskInstance> forConnection(const AppServiceConnection& connection);
+
+    hstring GetRuntimeClassName() const override;
+    BackgroundTaskDeferral GetDeferral() override;
+    event_token Canceled(BackgroundTaskCanceledEventHandler handler) override;
+    void Canceled(event_token token) override;
+    com_ptr<IInspectable> TriggerDetails() const override;
+
+    // Runs the task; an exception from Run leaves here after the task's own
+    // hold on the instance has been dropped.
+    void run(IBackgroundTask& task);
+    void Cancel(BackgroundTaskCancellationReason reason);
+    IAsyncOperation<bool> Ended() const { return ended_.operation(); }
+
+  private:
+    explicit BackgroundTaskInstance(com_ptr<IInspectable> triggerDetails);
+    void release();
+
+    const com_ptr<IInspectable> triggerDetails_;
+    event<const com_ptr<IBackgroundTaskInstance>&, BackgroundTaskCancellationReason> canceled_;
+    std::mutex mutex_;
+    unsigned holds_ = 1;  // Run's own, dropped when it returns
+    bool cancelRaised_ = false;
+    AsyncCompletion<bool> ended_;
+};
+
+}  // namespace Quorvendale::Platform

@@ -1,0 +1,152 @@
+// IAsyncOperation<T>: an operation that completes once, with a result, an
+// error or a cancellation. Copies share one operation.
+//
+// Completed(handler) takes one handler. It runs exactly once: on the thread
+// that completes the operation, or at once on the registering thread if the
+// operation has already ended. A handler must not block for long, since that
+// thread may be the one that delivers the next results.
+//
+// The producer side (AsyncCompletion) is for the runtime itself: it creates
+// the operation and ends it with Complete, Fail or, through the consumer's
+// Cancel, a cancellation. Only the first ending counts.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "HResultError.h"
+#include "ThreadPool.h"
+
+namespace Quorvendale::Platform {
+
+enum class AsyncStatus { Started = 0, Completed = 1, Canceled = 2, Error = 3 };
+
+template <class T>
+class IAsyncOperation;
+
+namespace Details {
+
+template <class T>
+struct AsyncState {
+    std::mutex mutex;
+    AsyncStatus status = AsyncStatus::Started;
+    std::optional<T> result;
+    HResultError error{S_OK};
+    std::function<void(const IAsyncOperation<T>&, AsyncStatus)> completed;
+    bool handlerTaken = false;
+};
+
+}  // namespace Details
+
+template <class T>
+class IAsyncOperation {
+  public:
+    using CompletedHandler = std::function<void(const IAsyncOperation&, AsyncStatus)>;
+
+    AsyncStatus Status() const {
+        std::lock_guard lock(state_->mutex);
+        return state_->status;
+    }
+
+    // A second handler is refused with E_ILLEGAL_METHOD_CALL, as the platform does.
+    void Completed(CompletedHandler handler) const {
+        std::unique_lock lock(state_->mutex);
+        if (state_->handlerTaken) throw HResultError(E_ILLEGAL_METHOD_CALL);
+        state_->handlerTaken = true;
+        if (state_->status == AsyncStatus::Started) {
+            state_->completed = std::move(handler);
+            return;
+        }
+        const AsyncStatus status = state_->status;
+        lock.unlock();
+        handler(*this, status);
+    }
+
+    // The result; the operation's error if it failed, ERROR_CANCELLED if it
+    // was cancelled, E_ILLEGAL_METHOD_CALL while it is still running.
+    T GetResults() const {
+        std::lock_guard lock(state_->mutex);
+        switch (state_->status) {
+            case AsyncStatus::Completed:
+                return *state_->result;
+            case AsyncStatus::Error:
+                throw state_->error;
+            case AsyncStatus::Canceled:
+                throw HResultError(ERROR_CANCELLED);
+            case AsyncStatus::Started:
+                break;
+        }
+        throw HResultError(E_ILLEGAL_METHOD_CALL);
+    }
+
+    // Ends a running operation as cancelled; no effect once it has ended.
+    void Cancel() const {
+        finish(AsyncStatus::Canceled, [](auto&) {});
+    }
+
+  private:
+    template <class>
+    friend class AsyncCompletion;
+
+    IAsyncOperation() : state_(std::make_shared<Details::AsyncState<T>>()) {}
+
+    template <class Store>
+    bool finish(AsyncStatus status, Store&& store) const {
+        CompletedHandler handler;
+        {
+            std::lock_guard lock(state_->mutex);
+            if (state_->status != AsyncStatus::Started) return false;
+            store(*state_);
+            state_->status = status;
+            handler = std::move(state_->completed);
+        }
+        if (handler) handler(*this, status);
+        return true;
+    }
+
+    std::shared_ptr<Details::AsyncState<T>> state_;
+};
+
+template <class T>
+class AsyncCompletion {
+  public:
+    AsyncCompletion() = default;
+
+    const IAsyncOperation<T>& operation() const noexcept { return operation_; }
+
+    // Each returns false when the operation had already ended (a cancellation
+    // came first, say) and the value was dropped.
+    bool Complete(T result) const {
+        return operation_.finish(AsyncStatus::Completed,
+                                 [&](auto& state) { state.result.emplace(std::move(result)); });
+    }
+    bool Fail(HResultError error) const {
+        return operation_.finish(AsyncStatus::Error,
+                                 [&](auto& state) { state.error = std::move(error); });
+    }
+
+  private:
+    IAsyncOperation<T> operation_;
+};
+
+// Runs work on the thread pool; its result or HResultError ends the operation.
+// Any other exception ends it with E_FAIL.
+template <class T>
+IAsyncOperation<T> runAsync(std::function<T()> work) {
+    AsyncCompletion<T> completion;
+    ThreadPool::submit([completion, work = std::move(work)] {
+        try {
+            completion.Complete(work());
+        } catch (const HResultError& error) {
+            completion.Fail(error);
+        } catch (...) {
+            completion.Fail(HResultError(E_FAIL));
+        }
+    });
+    return completion.operation();
+}
+
+}  // namespace Quorvendale::Platform

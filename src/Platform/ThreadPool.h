@@ -1,0 +1,19 @@
+// The runtime's thread pool: events are raised and asynchronous work runs on
+// it. It starts threads as work arrives and keeps them; a job that blocks
+// never stalls the others, because a job that finds no idle thread starts a
+// new one (up to a fixed ceiling, after which jobs wait their turn).
+#pragma once
+
+#include <functional>
+
+#include "PlatformExport.h"
+
+namespace Quorvendale::Platform {
+
+class QV_PLATFORM_API ThreadPool {
+  public:
+    // Queues a job. Jobs must not throw; an escaping exception is dropped.
+    static void submit(std::function<void()> job);
+};
+
+}  // namespace Quorvendale::Platform
