@@ -1,0 +1,102 @@
+// A request and its answer over an app-service connection pair, beside the
+// raw cost of the same distance: 100 bytes written to a socketpair and read
+// back by an echo thread. Prints the ratio of the two.
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+#include <semaphore>
+#include <string>
+#include <thread>
+
+#include "Platform/AppServiceConnection.h"
+
+namespace {
+
+using namespace Quorvendale::Platform;
+
+constexpr std::size_t payloadBytes = 100;
+
+bool transfer(int descriptor, char* bytes, std::size_t size, bool reading) {
+    while (size > 0) {
+        const ssize_t count =
+            reading ? ::read(descriptor, bytes, size) : ::write(descriptor, bytes, size);
+        if (count <= 0) return false;
+        bytes += count;
+        size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+void bareRoundTrip(benchmark::State& state) {
+    int ends[2];
+    ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+    std::thread echo([descriptor = ends[1]] {
+        char bytes[payloadBytes];
+        while (transfer(descriptor, bytes, payloadBytes, true) &&
+               transfer(descriptor, bytes, payloadBytes, false)) {
+        }
+    });
+    char bytes[payloadBytes] = {};
+    for (auto _ : state) {
+        transfer(ends[0], bytes, payloadBytes, false);
+        transfer(ends[0], bytes, payloadBytes, true);
+    }
+    ::shutdown(ends[0], SHUT_RDWR);
+    echo.join();
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+void valueSetRoundTrip(benchmark::State& state) {
+    int ends[2];
+    ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+    const auto client = AppServiceConnection::fromSocket(ends[0]);
+    const auto service = AppServiceConnection::fromSocket(ends[1]);
+    service.RequestReceived([](auto&, const AppServiceRequestReceivedEventArgs& args) {
+        args.Request().SendResponseAsync(args.Request().Message());
+    });
+    ValueSet message;  // 50 UTF-16 code units: 100 bytes of text
+    message.Insert(u"data",
+                   PropertyValue::CreateString(hstring(std::u16string(payloadBytes / 2, u'v'))));
+    std::binary_semaphore answered(0);
+    for (auto _ : state) {
+        const auto operation = client.SendMessageAsync(message);
+        operation.Completed([&](auto&, auto) { answered.release(); });
+        answered.acquire();
+        if (operation.GetResults().Status() != AppServiceResponseStatus::Success) {
+            state.SkipWithError("request failed");
+            break;
+        }
+    }
+}
+
+BENCHMARK(bareRoundTrip)->Name("socketpair 100-byte round trip (raw)")->UseRealTime();
+BENCHMARK(valueSetRoundTrip)->Name("AppServiceConnection 100-byte ValueSet request")->UseRealTime();
+
+// Keeps each benchmark's time per iteration, to print the ratio at the end.
+class RatioReporter : public benchmark::ConsoleReporter {
+  public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) times[run.benchmark_name()] = run.GetAdjustedRealTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+    std::map<std::string, double> times;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const double raw = reporter.times["socketpair 100-byte round trip (raw)/real_time"];
+    const double request =
+        reporter.times["AppServiceConnection 100-byte ValueSet request/real_time"];
+    if (raw > 0 && request > 0) {
+        std::printf("ValueSet request / raw round trip: %.2fx (target <= 3x)\n", request / raw);
+    }
+    benchmark::Shutdown();
+}
