@@ -24,8 +24,12 @@ AppServiceChannel::~AppServiceChannel() { ::close(descriptor_); }
 
 std::shared_ptr<AppServiceChannel> AppServiceChannel::open(int descriptor) {
     auto channel = std::make_shared<AppServiceChannel>(descriptor);
-    std::shared_ptr<AppServiceChannel> handle(
-        channel.get(), [channel](AppServiceChannel*) mutable { channel->close(false); });
+    // The deleter lets go of the channel once it has closed it: the control
+    // block, which handle_ keeps, must not keep the channel too.
+    std::shared_ptr<AppServiceChannel> handle(channel.get(), [channel](AppServiceChannel*) mutable {
+        channel->close(false);
+        channel.reset();
+    });
     channel->handle_ = handle;
     // The reader owns the channel (not the handle) until the stream ends, so
     // that the last handle going away still ends it.
