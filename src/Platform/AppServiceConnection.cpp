@@ -10,13 +10,17 @@ struct AppServiceDeferral::State {
     explicit State(std::shared_ptr<Details::IncomingRequest> held) : request(std::move(held)) {
         request->hold();
     }
+    // A deferral dropped without Complete (its handler failed) still lets the
+    // request go, so that the requester is not left waiting.
+    ~State() { complete(); }
+    void complete() {
+        if (!completed.exchange(true)) request->release();
+    }
     std::shared_ptr<Details::IncomingRequest> request;
     std::atomic<bool> completed{false};
 };
 
-void AppServiceDeferral::Complete() const {
-    if (!state_->completed.exchange(true)) state_->request->release();
-}
+void AppServiceDeferral::Complete() const { state_->complete(); }
 
 AppServiceDeferral AppServiceRequestReceivedEventArgs::GetDeferral() const {
     return AppServiceDeferral(std::make_shared<AppServiceDeferral::State>(request_));

@@ -59,8 +59,9 @@ class QV_PLATFORM_API AppServiceResponse {
 
 // Keeps a received request open after its handler returned, so the answer
 // may be sent later. Complete it once the answer has been sent. A request
-// whose handlers have returned and whose deferrals are all complete, with no
-// answer sent, is answered with a refusal: the requester sees Failure.
+// whose handlers have returned and whose deferrals are all complete (or
+// dropped), with no answer sent, is answered with a refusal: the requester
+// sees Failure.
 class QV_PLATFORM_API AppServiceDeferral {
   public:
     void Complete() const;

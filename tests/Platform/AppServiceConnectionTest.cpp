@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <optional>
 #include <vector>
 
 #include "Platform/AppServiceConnection.h"
@@ -80,8 +81,8 @@ TEST(AppServiceConnection, ARequestLeftUnansweredFailsInsteadOfHanging) {
         switch (++requests) {
             case 1:  // returns without answering or deferring
                 break;
-            case 2:  // defers, then completes without answering
-                ThreadPool::submit([deferral = args.GetDeferral()] { deferral.Complete(); });
+            case 2:  // defers, then drops the deferral without completing or answering
+                ThreadPool::submit([deferral = args.GetDeferral()] {});
                 break;
             default:  // answers twice: only the first counts
                 args.Request().SendResponseAsync(numbered(1));
@@ -134,9 +135,10 @@ TEST(AppServiceConnection, EndingEitherSideFailsPendingRequestsAndCancelsTheTask
         Pair pair = connectedPair();
         ServedTask task(pair.service);
         EXPECT_EQ(task.instance->Ended().Status(), AsyncStatus::Started);
+        std::optional<AppServiceDeferral> held;  // never completed: no answer will come
         std::atomic<bool> requestArrived{false};
         pair.service.RequestReceived([&](auto&, const AppServiceRequestReceivedEventArgs& args) {
-            args.GetDeferral();  // held and never completed: no answer will come
+            held = args.GetDeferral();
             requestArrived = true;
         });
         std::atomic<int> serviceClosed{0};
