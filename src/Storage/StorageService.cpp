@@ -1,0 +1,95 @@
+#include "StorageService.h"
+
+#include <exception>
+#include <string>
+
+#include "Platform/AppServiceTriggerDetails.h"
+#include "Platform/TextConversion.h"
+#include "Storage/UwpStorage.h"
+
+namespace Quorvendale::Storage {
+
+using namespace Platform;
+
+namespace {
+
+std::string text(const ValueSet& message, const hstring& key) {
+    return utf16ToUtf8(unbox_value<hstring>(message.Lookup(key)));
+}
+
+void setResponse(ValueSet& reply, std::u16string_view status, const std::string& response) {
+    reply.Insert(u"response", PropertyValue::CreateString(hstring(utf8ToUtf16(response))));
+    reply.Insert(u"status", PropertyValue::CreateString(status));
+}
+
+void setSuccess(ValueSet& reply, const std::string& response = {}) {
+    setResponse(reply, u"success", response);
+}
+
+// Fills the reply for one request; anything a lookup or the store raises
+// leaves here.
+void execute(const ValueSet& message, ValueSet& reply) {
+    if (!message.HasKey(u"command")) {
+        setSuccess(reply);
+        return;
+    }
+    const hstring command = unbox_value<hstring>(message.Lookup(u"command"));
+    const std::string key = text(message, u"key");
+    const std::string group = text(message, u"group");
+    UwpStorage& storage = UwpStorage::instance();
+    if (command == u"read") {
+        setSuccess(reply, storage.read(group, key));
+    } else if (command == u"write") {
+        storage.write(group, key, text(message, u"data"));
+        setSuccess(reply);
+    } else if (command == u"remove") {
+        storage.remove(group, key);
+        setSuccess(reply);
+    } else if (command == u"next") {
+        setSuccess(reply, storage.next(group, key));
+    } else {
+        setResponse(reply, u"failed", "Unknown command");
+    }
+}
+
+}  // namespace
+
+hstring StorageService::GetRuntimeClassName() const {
+    return u"Quorvendale.Storage.StorageService";
+}
+
+void StorageService::Run(const com_ptr<IBackgroundTaskInstance>& taskInstance) {
+    backgroundTaskDeferral = taskInstance->GetDeferral();
+    // The handlers hold the service: it lives while its task and connection do.
+    const com_ptr<StorageService> self(this);
+    taskInstance->Canceled(
+        [self](const auto& sender, auto reason) { self->onCanceled(sender, reason); });
+    appServiceConnection =
+        as<AppServiceTriggerDetails>(taskInstance->TriggerDetails())->AppServiceConnection();
+    appServiceConnection.RequestReceived(
+        [self](const auto& sender, const auto& args) { self->onRequestReceived(sender, args); });
+}
+
+void StorageService::onCanceled(const com_ptr<IBackgroundTaskInstance>&,
+                                BackgroundTaskCancellationReason) {
+    if (backgroundTaskDeferral) backgroundTaskDeferral.Complete();
+}
+
+void StorageService::onRequestReceived(const AppServiceConnection&,
+                                       const AppServiceRequestReceivedEventArgs& args) {
+    const AppServiceDeferral deferral = args.GetDeferral();
+    const AppServiceRequest request = args.Request();
+    ValueSet reply;
+    try {
+        execute(request.Message(), reply);
+    } catch (const std::exception& error) {
+        setResponse(reply, u"failed", error.what());
+    } catch (...) {
+        // Platform errors (a missing or non-string entry among them) are not
+        // standard exceptions and carry no text the client should see.
+        setResponse(reply, u"failed", "Unknown exception");
+    }
+    request.SendResponseAsync(reply).Completed([deferral](auto&, auto) { deferral.Complete(); });
+}
+
+}  // namespace Quorvendale::Storage
