@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <string>
 #include <system_error>
 
@@ -38,6 +40,25 @@ bool isFolder(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+// Makes the folder once per path and process. The store asks for its root
+// several times in every operation, and a package's folder, like the
+// platform's, does not go away while its application runs.
+void ensureFolderOnce(const std::string& path) {
+    static std::mutex mutex;
+    static std::set<std::string> made;
+    {
+        const std::lock_guard lock(mutex);
+        if (made.contains(path)) return;
+    }
+    if (!isFolder(path)) {
+        std::error_code error;
+        std::filesystem::create_directories(path, error);
+        if (error) failLocalFolder(path + ": " + error.message());
+    }
+    const std::lock_guard lock(mutex);
+    made.insert(path);
+}
+
 }  // namespace
 
 ApplicationData ApplicationData::Current() {
@@ -48,13 +69,7 @@ ApplicationData ApplicationData::Current() {
 
 StorageFolder ApplicationData::LocalFolder() const {
     const std::string path = dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState";
-    // The store asks for this folder on every operation: one stat is the
-    // whole cost once the folder exists.
-    if (!isFolder(path)) {
-        std::error_code error;
-        std::filesystem::create_directories(path, error);
-        if (error) failLocalFolder(path + ": " + error.message());
-    }
+    ensureFolderOnce(path);
     return StorageFolder(hstring(utf8ToUtf16(path)));
 }
 

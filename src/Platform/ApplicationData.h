@@ -34,7 +34,8 @@ class QV_PLATFORM_API ApplicationData {
     // the process has none.
     static ApplicationData Current();
 
-    // The package's local folder, created with its parents when missing.
+    // The package's local folder, created with its parents when this process
+    // first asks for it.
     // Throws HResultError E_FAIL, naming the folder, when it cannot be made
     // or when neither XDG_DATA_HOME nor HOME says where it belongs.
     StorageFolder LocalFolder() const;

@@ -51,32 +51,37 @@ Decoded decodeUtf8(std::string_view text, std::size_t at) {
     return {codePoint, length};
 }
 
-void appendUtf16(std::u16string& out, char32_t codePoint) {
+// The appenders write through a pointer into output sized for the worst
+// case, which is trimmed once at the end: paths pass through here several
+// times in every store operation.
+char16_t* appendUtf16(char16_t* out, char32_t codePoint) {
     if (codePoint < 0x10000) {
-        out.push_back(static_cast<char16_t>(codePoint));
-        return;
+        *out++ = static_cast<char16_t>(codePoint);
+        return out;
     }
     codePoint -= 0x10000;
-    out.push_back(static_cast<char16_t>(0xD800 + (codePoint >> 10)));
-    out.push_back(static_cast<char16_t>(0xDC00 + (codePoint & 0x3FF)));
+    *out++ = static_cast<char16_t>(0xD800 + (codePoint >> 10));
+    *out++ = static_cast<char16_t>(0xDC00 + (codePoint & 0x3FF));
+    return out;
 }
 
-void appendUtf8(std::string& out, char32_t codePoint) {
+char* appendUtf8(char* out, char32_t codePoint) {
     if (codePoint < 0x80) {
-        out.push_back(static_cast<char>(codePoint));
+        *out++ = static_cast<char>(codePoint);
     } else if (codePoint < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (codePoint >> 6)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+        *out++ = static_cast<char>(0xC0 | (codePoint >> 6));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
     } else if (codePoint < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (codePoint >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+        *out++ = static_cast<char>(0xE0 | (codePoint >> 12));
+        *out++ = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
     } else {
-        out.push_back(static_cast<char>(0xF0 | (codePoint >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+        *out++ = static_cast<char>(0xF0 | (codePoint >> 18));
+        *out++ = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+        *out++ = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
     }
+    return out;
 }
 
 bool isHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
@@ -86,35 +91,42 @@ bool isLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 
 std::u16string utf8ToUtf16(std::string_view text) {
     text = text.substr(0, text.find('\0'));
-    std::u16string out;
-    out.reserve(text.size());
+    // Never more UTF-16 units than UTF-8 bytes.
+    std::u16string result(text.size(), u'\0');
+    char16_t* out = result.data();
     for (std::size_t at = 0; at < text.size();) {
         if (static_cast<unsigned char>(text[at]) < 0x80) {
-            out.push_back(static_cast<char16_t>(text[at++]));
+            *out++ = static_cast<char16_t>(text[at++]);
             continue;
         }
         const Decoded decoded = decodeUtf8(text, at);
-        appendUtf16(out, decoded.codePoint);
+        out = appendUtf16(out, decoded.codePoint);
         at += decoded.length;
     }
-    return out;
+    result.resize(static_cast<std::size_t>(out - result.data()));
+    return result;
 }
 
 std::string utf16ToUtf8(std::u16string_view text) {
     text = text.substr(0, text.find(u'\0'));
-    std::string out;
-    out.reserve(text.size());
+    // At most three bytes per UTF-16 unit; a pair of two units takes four.
+    std::string result(3 * text.size(), '\0');
+    char* out = result.data();
     for (std::size_t at = 0; at < text.size(); ++at) {
         const char16_t unit = text[at];
-        if (isHighSurrogate(unit) && at + 1 < text.size() && isLowSurrogate(text[at + 1])) {
-            appendUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
+        if (unit < 0x80) {
+            *out++ = static_cast<char>(unit);
+        } else if (isHighSurrogate(unit) && at + 1 < text.size() && isLowSurrogate(text[at + 1])) {
+            out = appendUtf8(out,
+                             0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
         } else if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
-            appendUtf8(out, replacementCharacter);
+            out = appendUtf8(out, replacementCharacter);
         } else {
-            appendUtf8(out, unit);
+            out = appendUtf8(out, unit);
         }
     }
-    return out;
+    result.resize(static_cast<std::size_t>(out - result.data()));
+    return result;
 }
 
 }  // namespace Quorvendale::Platform

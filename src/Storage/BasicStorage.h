@@ -70,6 +70,9 @@ class BasicStorage {
   protected:
     // <root>/<group>/, the group in UTF-16 up to its first zero byte.
     std::u16string groupFolder(std::string_view group);
+
+  private:
+    std::u16string entryPath(const std::u16string& folder, std::string_view key);
 };
 
 }  // namespace Quorvendale::Storage

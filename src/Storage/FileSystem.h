@@ -36,18 +36,18 @@ class FileSystem {
     // opened; an error during the listing just ends the list.
     static std::optional<std::vector<std::u16string>> listFolder(const std::u16string& path);
 
-    // The whole content of a file, read in text mode. Empty when the file
-    // cannot be opened or read (a folder, for example); never throws for
-    // that.
-    static std::string readText(const std::u16string& path);
+    // The whole content of a file, read in text mode. Nothing when the path's
+    // status cannot be taken; empty when something is there but cannot be
+    // opened or read (a folder, for example).
+    static std::optional<std::string> readText(const std::u16string& path);
 
     // Replaces the whole content of a file, creating it if needed, written in
     // text mode. False when the open, a write or the close failed; the file
     // may then be left cut short.
     static bool writeText(const std::u16string& path, std::string_view data);
 
-    // Deletes a file. Never deletes a folder: false for one, as for any
-    // failure.
+    // Deletes a file. True when it is gone or was never there; false when
+    // something is there and stays, which is always so for a folder.
     static bool removeFile(const std::u16string& path);
 };
 

@@ -23,9 +23,9 @@ constexpr char carriageReturn = '\r';
 constexpr char lineFeed = '\n';
 constexpr char endOfText = '\x1A';
 
-// Files move through a buffer of this size: small enough to stay in the
-// processor's cache between the system call and the translation.
-constexpr std::size_t chunkSize = 64 * 1024;
+// Text with line feeds reaches the file through a buffer of at most this
+// size, small enough to stay in the processor's cache.
+constexpr std::size_t writeChunkSize = 64 * 1024;
 
 class FileDescriptor {
   public:
@@ -57,18 +57,20 @@ bool writeAll(int fd, const char* data, std::size_t size) {
     return true;
 }
 
-// Writes data with every LF as CR LF, copying each byte once into the chunk
-// buffer on its way to the file.
+// Writes data with every LF as CR LF. Data without a line feed goes to the
+// file as it is; other data is copied once, into the buffer that adds the CRs.
 bool writeTextMode(int fd, std::string_view data) {
-    const auto buffer = std::make_unique_for_overwrite<char[]>(chunkSize);
+    if (data.find(lineFeed) == std::string_view::npos)
+        return writeAll(fd, data.data(), data.size());
+    const std::size_t bufferSize = std::min(writeChunkSize, 2 * data.size());
+    const auto buffer = std::make_unique_for_overwrite<char[]>(bufferSize);
     std::size_t used = 0;
     while (!data.empty()) {
-        if (used + 2 > chunkSize) {
+        if (used + 2 > bufferSize) {
             if (!writeAll(fd, buffer.get(), used)) return false;
             used = 0;
         }
-        const std::size_t room = chunkSize - used - 1;  // room for a CR before an LF
-        const std::size_t take = std::min(room, data.size());
+        const std::size_t take = std::min(bufferSize - used - 1, data.size());  // room for a CR
         const void* found = std::memchr(data.data(), lineFeed, take);
         const std::size_t run = found ? static_cast<const char*>(found) - data.data() : take;
         std::memcpy(buffer.get() + used, data.data(), run);
@@ -82,69 +84,47 @@ bool writeTextMode(int fd, std::string_view data) {
     return writeAll(fd, buffer.get(), used);
 }
 
-// Text-mode reading, fed one chunk at a time. A CR that ends one chunk is
-// held back until the next shows whether an LF follows it.
-class TextModeReader {
-  public:
-    explicit TextModeReader(std::string& content) : content_(content) {}
-
-    // Appends the translation of a chunk. False once the content has ended
-    // at a byte 0x1A: nothing after it counts.
-    bool feed(std::string_view chunk) {
-        if (pendingCarriageReturn_ && chunk.front() != lineFeed) content_.push_back(carriageReturn);
-        pendingCarriageReturn_ = false;
-        const std::size_t end = chunk.find(endOfText);
-        const bool ended = end != std::string_view::npos;
-        chunk = chunk.substr(0, end);
-        for (std::size_t from = 0;;) {
-            const std::size_t cr = chunk.find(carriageReturn, from);
-            if (cr == std::string_view::npos) {
-                content_.append(chunk);
-                return !ended;
-            }
-            if (cr + 1 == chunk.size() && !ended) {
-                content_.append(chunk.substr(0, cr));
-                pendingCarriageReturn_ = true;
-                return true;
-            }
-            if (cr + 1 < chunk.size() && chunk[cr + 1] == lineFeed) {
-                content_.append(chunk.substr(0, cr));
-                chunk.remove_prefix(cr + 1);
-                from = 1;  // past the LF, which stays as the first byte of the rest
-            } else {
-                from = cr + 1;
-            }
-        }
-    }
-
-    void finish() {
-        if (pendingCarriageReturn_) content_.push_back(carriageReturn);
-    }
-
-  private:
-    std::string& content_;
-    bool pendingCarriageReturn_ = false;
-};
-
-std::string readTextMode(int fd) {
-    std::string content;
+// The file's bytes as they are. Reads straight into the result, sized from
+// the file's status; a file that grows meanwhile is read to its new end.
+// A read error (EISDIR for a folder) ends the content where it is.
+std::string readAll(int fd) {
     struct stat status {};
-    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-        content.reserve(static_cast<std::size_t>(status.st_size));
-    }
-    const auto buffer = std::make_unique_for_overwrite<char[]>(chunkSize);
-    TextModeReader reader(content);
+    const bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    // One byte more than the file holds, so that a single read both fills it
+    // and, falling short, shows that the end was reached.
+    std::string content(regular ? static_cast<std::size_t>(status.st_size) + 1 : 4096, '\0');
+    std::size_t size = 0;
     for (;;) {
-        const ssize_t got = ::read(fd, buffer.get(), chunkSize);
+        if (size == content.size()) content.resize(2 * content.size());
+        const ssize_t got = ::read(fd, content.data() + size, content.size() - size);
         if (got < 0 && errno == EINTR) continue;
-        // A folder fails here with EISDIR and so reads as empty.
         if (got <= 0) break;
-        if (!reader.feed(std::string_view(buffer.get(), static_cast<std::size_t>(got)))) {
-            return content;
-        }
+        size += static_cast<std::size_t>(got);
+        // A regular file gives fewer bytes than asked only at its end.
+        if (regular && size < content.size()) break;
     }
-    reader.finish();
+    content.resize(size);
     return content;
+}
+
+// Turns the file's bytes into the value, in place: the content ends at the
+// first 0x1A, and each CR LF becomes LF. Runs between CRs move down at most
+// once, and not at all in a value without CR LF.
+void translateTextMode(std::string& content) {
+    content.resize(std::min(content.find(endOfText), content.size()));
+    std::size_t kept = 0;
+    for (std::size_t from = 0;;) {
+        const std::size_t cr = content.find(carriageReturn, from);
+        const bool dropped =
+            cr != std::string::npos && cr + 1 < content.size() && content[cr + 1] == lineFeed;
+        const std::size_t runEnd =
+            cr == std::string::npos ? content.size() : (dropped ? cr : cr + 1);
+        if (kept != from) std::memmove(content.data() + kept, content.data() + from, runEnd - from);
+        kept += runEnd - from;
+        if (cr == std::string::npos) break;
+        from = cr + 1;
+    }
+    content.resize(kept);
 }
 
 }  // namespace
@@ -171,10 +151,13 @@ std::optional<std::vector<std::u16string>> FileSystem::listFolder(const std::u16
     return names;
 }
 
-std::string FileSystem::readText(const std::u16string& path) {
+std::optional<std::string> FileSystem::readText(const std::u16string& path) {
+    // Opening first spares the status call whenever the file is there.
     FileDescriptor file(::open(utf16ToUtf8(path).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.valid()) return {};
-    return readTextMode(file.get());
+    if (!file.valid()) return exists(path) ? std::optional<std::string>("") : std::nullopt;
+    std::string content = readAll(file.get());
+    translateTextMode(content);
+    return content;
 }
 
 bool FileSystem::writeText(const std::u16string& path, std::string_view data) {
@@ -186,7 +169,8 @@ bool FileSystem::writeText(const std::u16string& path, std::string_view data) {
 }
 
 bool FileSystem::removeFile(const std::u16string& path) {
-    return ::unlink(utf16ToUtf8(path).c_str()) == 0;
+    // unlink, unlike remove, never takes a folder.
+    return ::unlink(utf16ToUtf8(path).c_str()) == 0 || !exists(path);
 }
 
 }  // namespace Quorvendale::Storage
