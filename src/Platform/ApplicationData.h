@@ -1,0 +1,50 @@
+// ApplicationData: the data folders of the calling process's application
+// package. Only the local folder exists here, at
+// ${XDG_DATA_HOME:-$HOME/.local/share}/Packages/<PackageFamilyName>/LocalState.
+//
+// A process's package identity is the environment variable
+// QUORVENDALE_PACKAGE_FAMILY_NAME, which the app-service host sets. The
+// environment is read on every call to Current(), so a process (or a test)
+// that changes it is seen at once.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "PlatformExport.h"
+#include "hstring.h"
+
+namespace Quorvendale::Platform {
+
+class QV_PLATFORM_API StorageFolder {
+  public:
+    explicit StorageFolder(hstring path) : path_(std::move(path)) {}
+
+    // The folder's full path, without a trailing separator.
+    hstring Path() const { return path_; }
+
+  private:
+    hstring path_;
+};
+
+class QV_PLATFORM_API ApplicationData {
+  public:
+    // The calling process's application data. Throws HResultError
+    // APPMODEL_ERROR_NO_PACKAGE "The process has no package identity." when
+    // the process has none.
+    static ApplicationData Current();
+
+    // The package's local folder, created with its parents when this process
+    // first asks for it.
+    // Throws HResultError E_FAIL, naming the folder, when it cannot be made
+    // or when neither XDG_DATA_HOME nor HOME says where it belongs.
+    StorageFolder LocalFolder() const;
+
+  private:
+    explicit ApplicationData(std::string packageFamilyName)
+        : packageFamilyName_(std::move(packageFamilyName)) {}
+
+    std::string packageFamilyName_;
+};
+
+}  // namespace Quorvendale::Platform

@@ -1,0 +1,132 @@
+#include "TextConversion.h"
+
+#include <cstddef>
+
+namespace Quorvendale::Platform {
+
+namespace {
+
+constexpr char16_t replacementCharacter = u'\uFFFD';
+
+// One decoded step of UTF-8: the code point, or the replacement character
+// for an invalid part, and how many bytes it took.
+struct Decoded {
+    char32_t codePoint;
+    std::size_t length;
+};
+
+// The lead byte fixes the length and narrows the range of the second byte;
+// that narrowing is what rejects overlong forms, surrogates and values above
+// U+10FFFF without decoding them first.
+Decoded decodeUtf8(std::string_view text, std::size_t at) {
+    const auto lead = static_cast<unsigned char>(text[at]);
+    std::size_t length = 0;
+    char32_t codePoint = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        codePoint = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        codePoint = lead & 0x0F;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        codePoint = lead & 0x07;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return {replacementCharacter, 1};
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        if (at + i >= text.size()) return {replacementCharacter, i};
+        const auto next = static_cast<unsigned char>(text[at + i]);
+        if (next < low || next > high) return {replacementCharacter, i};
+        low = 0x80;
+        high = 0xBF;
+        codePoint = (codePoint << 6) | (next & 0x3F);
+    }
+    return {codePoint, length};
+}
+
+// The appenders write through a pointer into output sized for the worst
+// case, which is trimmed once at the end: paths pass through here several
+// times in every store operation.
+char16_t* appendUtf16(char16_t* out, char32_t codePoint) {
+    if (codePoint < 0x10000) {
+        *out++ = static_cast<char16_t>(codePoint);
+        return out;
+    }
+    codePoint -= 0x10000;
+    *out++ = static_cast<char16_t>(0xD800 + (codePoint >> 10));
+    *out++ = static_cast<char16_t>(0xDC00 + (codePoint & 0x3FF));
+    return out;
+}
+
+char* appendUtf8(char* out, char32_t codePoint) {
+    if (codePoint < 0x80) {
+        *out++ = static_cast<char>(codePoint);
+    } else if (codePoint < 0x800) {
+        *out++ = static_cast<char>(0xC0 | (codePoint >> 6));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
+    } else if (codePoint < 0x10000) {
+        *out++ = static_cast<char>(0xE0 | (codePoint >> 12));
+        *out++ = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
+    } else {
+        *out++ = static_cast<char>(0xF0 | (codePoint >> 18));
+        *out++ = static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F));
+        *out++ = static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
+    }
+    return out;
+}
+
+bool isHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
+bool isLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+
+}  // namespace
+
+std::u16string utf8ToUtf16(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
+    // Never more UTF-16 units than UTF-8 bytes.
+    std::u16string result(text.size(), u'\0');
+    char16_t* out = result.data();
+    for (std::size_t at = 0; at < text.size();) {
+        if (static_cast<unsigned char>(text[at]) < 0x80) {
+            *out++ = static_cast<char16_t>(text[at++]);
+            continue;
+        }
+        const Decoded decoded = decodeUtf8(text, at);
+        out = appendUtf16(out, decoded.codePoint);
+        at += decoded.length;
+    }
+    result.resize(static_cast<std::size_t>(out - result.data()));
+    return result;
+}
+
+std::string utf16ToUtf8(std::u16string_view text) {
+    text = text.substr(0, text.find(u'\0'));
+    // At most three bytes per UTF-16 unit; a pair of two units takes four.
+    std::string result(3 * text.size(), '\0');
+    char* out = result.data();
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const char16_t unit = text[at];
+        if (unit < 0x80) {
+            *out++ = static_cast<char>(unit);
+        } else if (isHighSurrogate(unit) && at + 1 < text.size() && isLowSurrogate(text[at + 1])) {
+            out = appendUtf8(out,
+                             0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
+        } else if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
+            out = appendUtf8(out, replacementCharacter);
+        } else {
+            out = appendUtf8(out, unit);
+        }
+    }
+    result.resize(static_cast<std::size_t>(out - result.data()));
+    return result;
+}
+
+}  // namespace Quorvendale::Platform

@@ -1,0 +1,22 @@
+// Conversion between UTF-8 and UTF-16 text, as the platform converts with
+// code page 65001 and no flags: the input ends at its first zero character,
+// every invalid sequence becomes U+FFFD, and empty text stays empty. The
+// result is always well-formed, so converting it back loses nothing more.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "PlatformExport.h"
+
+namespace Quorvendale::Platform {
+
+// UTF-8 to UTF-16. Each maximal invalid part of a sequence (a stray
+// continuation byte, a truncated sequence, an overlong form, an encoded
+// surrogate, a value above U+10FFFF) gives one U+FFFD.
+QV_PLATFORM_API std::u16string utf8ToUtf16(std::string_view text);
+
+// UTF-16 to UTF-8. An unpaired surrogate gives one U+FFFD.
+QV_PLATFORM_API std::string utf16ToUtf8(std::u16string_view text);
+
+}  // namespace Quorvendale::Platform

@@ -1,0 +1,81 @@
+#include "Storage/BasicStorage.h"
+
+#include <algorithm>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "Platform/TextConversion.h"
+#include "Storage/FileSystem.h"
+
+namespace Quorvendale::Storage {
+
+namespace {
+
+using Platform::utf16ToUtf8;
+using Platform::utf8ToUtf16;
+
+constexpr std::string_view defaultKey = "default";
+const std::u16string defaultFileName = u".default";
+
+}  // namespace
+
+std::u16string BasicStorage::groupFolder(std::string_view group) {
+    return getRootFolder() + FileSystem::separator + utf8ToUtf16(group) + FileSystem::separator;
+}
+
+std::u16string BasicStorage::getFilePath(std::string_view group, std::string_view key) {
+    ensureGroupFolder(group);
+    return entryPath(groupFolder(group), key);
+}
+
+// The path of getFilePath, for the operations that have just made the group
+// folder themselves: making sure of it twice would cost a second look-up of
+// the whole path in every operation.
+std::u16string BasicStorage::entryPath(const std::u16string& folder, std::string_view key) {
+    if (key == defaultKey) return folder + utf8ToUtf16(readFile(folder + defaultFileName));
+    return folder + utf8ToUtf16(key);
+}
+
+std::string BasicStorage::readFile(const std::u16string& path) {
+    std::optional<std::string> content = FileSystem::readText(path);
+    if (!content) {
+        throw std::runtime_error("Read file error: file " + utf16ToUtf8(path) + " is not exist");
+    }
+    return std::move(*content);
+}
+
+std::string BasicStorage::read(std::string_view group, std::string_view key) {
+    ensureGroupFolder(group);
+    const std::u16string folder = groupFolder(group);
+    // An unset alias reads as empty, while write() of it fails: callers probe
+    // "default" without setting it first.
+    if (key == defaultKey && !FileSystem::exists(folder + defaultFileName)) return {};
+    return readFile(entryPath(folder, key));
+}
+
+void BasicStorage::write(std::string_view group, std::string_view key, std::string_view data) {
+    ensureGroupFolder(group);
+    if (!FileSystem::writeText(entryPath(groupFolder(group), key), data)) {
+        throw std::runtime_error("Write file error");
+    }
+}
+
+void BasicStorage::remove(std::string_view group, std::string_view key) {
+    ensureGroupFolder(group);
+    if (!FileSystem::removeFile(entryPath(groupFolder(group), key))) {
+        throw std::runtime_error("Remove file error");
+    }
+}
+
+std::string BasicStorage::next(std::string_view group, std::string_view key) {
+    ensureGroupFolder(group);
+    const std::vector<std::string> keys = getKeys(group);
+    if (key.empty()) return keys.empty() ? std::string() : keys.front();
+    const auto found = std::find(keys.begin(), keys.end(), key);
+    if (found == keys.end()) throw std::runtime_error("Invalid key");
+    const auto following = std::next(found);
+    return following == keys.end() ? std::string() : *following;
+}
+
+}  // namespace Quorvendale::Storage

@@ -1,0 +1,54 @@
+// FileSystem: the few file operations the store needs, on wide (UTF-16)
+// paths. Every system call of the store goes through here, so that each
+// platform has one backend file (FileSystemPosix.cpp) beside the portable
+// store.
+//
+// Values are kept in the C runtime's text mode of the platform the store
+// comes from: a line feed is stored as carriage return plus line feed, and on
+// reading a carriage return plus line feed comes back as a line feed and a
+// byte 0x1A ends the content. A lone carriage return is kept both ways.
+//
+// Nothing here locks or serialises: files are opened shared, so a read that
+// runs during a write of the same file may see it shortened.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Quorvendale::Storage {
+
+class FileSystem {
+  public:
+    // Separates folder levels in the paths the store builds.
+    static constexpr char16_t separator = u'/';
+
+    // True when the path's status can be taken: a file or a folder is there.
+    static bool exists(const std::u16string& path);
+
+    // Creates the one last level of the path. False when it could not be
+    // made, which includes a folder that exists already.
+    static bool createFolder(const std::u16string& path);
+
+    // The names in a folder, files and folders alike, in the file system's
+    // own order and without "." and "..". Nothing when the folder cannot be
+    // opened; an error during the listing just ends the list.
+    static std::optional<std::vector<std::u16string>> listFolder(const std::u16string& path);
+
+    // The whole content of a file, read in text mode. Nothing when the path's
+    // status cannot be taken; empty when something is there but cannot be
+    // opened or read (a folder, for example).
+    static std::optional<std::string> readText(const std::u16string& path);
+
+    // Replaces the whole content of a file, creating it if needed, written in
+    // text mode. False when the open, a write or the close failed; the file
+    // may then be left cut short.
+    static bool writeText(const std::u16string& path, std::string_view data);
+
+    // Deletes a file. True when it is gone or was never there; false when
+    // something is there and stays, which is always so for a folder.
+    static bool removeFile(const std::u16string& path);
+};
+
+}  // namespace Quorvendale::Storage
