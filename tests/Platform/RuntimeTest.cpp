@@ -63,20 +63,6 @@ TEST(ValueSet, MissingKeysAndWrongTypesRaiseTheRuntimeErrors) {
     EXPECT_EQ(unbox_value<std::int64_t>(values.Lookup(u"count")), -7);
 }
 
-TEST(ValueSet, KeepsFirstInsertionOrderAndCopiesShareTheMap) {
-    ValueSet values;
-    ValueSet alias = values;
-    EXPECT_FALSE(values.Insert(u"response", PropertyValue::CreateString(u"")));
-    EXPECT_FALSE(values.Insert(u"status", PropertyValue::CreateString(u"failed")));
-    EXPECT_TRUE(alias.Insert(u"response", PropertyValue::CreateString(u"Unknown command")));
-
-    ASSERT_EQ(values.Size(), 2u);
-    auto entry = values.begin();
-    EXPECT_EQ(entry->first, hstring(u"response"));
-    EXPECT_EQ(unbox_value<hstring>(entry->second), hstring(u"Unknown command"));
-    EXPECT_EQ((++entry)->first, hstring(u"status"));
-}
-
 TEST(AsyncOperation, CompletedRunsExactlyOnceWhetherRegisteredBeforeOrAfter) {
     std::atomic<int> calls{0};
     AsyncCompletion<int> early;
