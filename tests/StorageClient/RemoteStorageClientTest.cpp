@@ -75,31 +75,24 @@ TEST(RemoteExchangeTest, RequestsGoOutAsExactFrames) {
               (std::vector{kExistsFrame, "\x07\0\0\0\0\0\0\0\x00\x01\x01g\x01k\x00"s}));
 }
 
+// Closing before answering, inside the length, halfway through the body; a
+// length far beyond what is sent; no answer at all, past the time-out.
 TEST(RemoteExchangeTest, ServerFaultsGiveTheFailedStepsReport) {
     const std::string body = responseBody(1, "payload");
-    for (const std::string& answer :
-         {""s, "\x09\0\0\0"s, frame(body).substr(0, 8 + body.size() / 2),
-          frame(body, std::uint64_t{1} << 40)}) {
-        LoopbackServer server({{answer}});
+    for (const LoopbackServer::Answer& answer :
+         {LoopbackServer::Answer{""}, {"\x09\0\0\0"s}, {frame(body).substr(0, 12)},
+          {frame(body, std::uint64_t{1} << 40)}, {.bytes = "", .holdOpen = true}}) {
+        LoopbackServer server({answer});
         expectReport(failureOf([&] { exchange(server, {RemoteCommand::Exists, "", "", ""}); }),
                      "sendMessage", "Failed to get response");
     }
 }
 
 TEST(RemoteExchangeTest, ResponsesTheDecoderCannotUseAreRefused) {
-    LoopbackServer server({{frame(responseBody(1, "", 1))},
-                           {frame("", ~std::uint64_t{0})},
-                           {frame("\x00\x01\x09short"s)}});
+    LoopbackServer server({{frame(responseBody(1, "", 1))}, {frame("", ~std::uint64_t{0})}});
     const RemoteRequest exists{RemoteCommand::Exists, "", "", ""};
     EXPECT_EQ(failureOf([&] { exchange(server, exists); }), "need VersionConverter implementation");
-    EXPECT_THROW(exchange(server, exists), std::length_error);
-    EXPECT_THROW(exchange(server, exists), std::runtime_error);
-}
-
-TEST(RemoteExchangeTest, ServerThatNeverAnswersTimesOut) {
-    LoopbackServer server({{.bytes = "", .holdOpen = true}});
-    expectReport(failureOf([&] { exchange(server, {RemoteCommand::Exists, "", "", ""}); }),
-                 "sendMessage", "Failed to get response");
+    EXPECT_EQ(failureOf([&] { exchange(server, exists); }), "vector too long");
 }
 
 TEST(RemoteStorageClientTest, ReadProbesExistenceOnItsOwnConnectionFirst) {
@@ -130,54 +123,47 @@ TEST(RemoteStorageClientTest, FailedStatusIsAReportWithTheServersTextButExistsIs
 }
 
 // Through ILibrary and IStorage as a program sees them.
-class RemoteClientThroughLibraryTest : public testing::Test {
-protected:
-    void SetUp() override {
-        InterfaceContract::handOut(*new Library, IID_ILibrary, &library_);
-    }
-    void TearDown() override { library_->table->release(library_); }
+IStorage* createThroughLibrary(const std::string& address, std::uint32_t port) {
+    ILibrary* library = nullptr;
+    InterfaceContract::handOut(*new Library, IID_ILibrary, &library);
+    IStorage* storage = nullptr;
+    EXPECT_EQ(library->table->createRemoteStorageClient(
+                  library, address.data(), static_cast<std::uint32_t>(address.size()), port,
+                  &storage),
+              QV_S_OK);
+    library->table->release(library);
+    return storage;
+}
 
-    IStorage* create(const std::string& address, std::uint32_t port) {
-        IStorage* storage = nullptr;
-        EXPECT_EQ(library_->table->createRemoteStorageClient(
-                      library_, address.data(), static_cast<std::uint32_t>(address.size()), port,
-                      &storage),
-                  QV_S_OK);
-        return storage;
-    }
-
-    ILibrary* library_ = nullptr;
-};
-
-TEST_F(RemoteClientThroughLibraryTest, EveryOperationFailsWithTheHostnameTextAndSendsNothing) {
+TEST(RemoteClientThroughLibraryTest, EveryOperationFailsWithTheHostnameTextAndSendsNothing) {
     LoopbackServer server({{frame(responseBody(1, ""))}});
-    IStorage* storage = create("127.0.0.1", server.port());
-    const std::string text =
-        "hostname is invalid or requires DNS lookup, which is not supported yet";
+    IStorage* storage = createThroughLibrary("127.0.0.1", server.port());
+    const auto* table = storage->table;
     Testing::ArrayOut out;
     std::uint32_t word = 7;
-    EXPECT_EQ(storage->table->read(storage, "g", 1, "k", 1, &out, &Testing::ArrayOut::allocate),
-              QV_E_FAIL);
-    EXPECT_EQ(Testing::messageOf(storage), text);
-    EXPECT_EQ(storage->table->write(storage, "g", 1, "k", 1, "v", 1), QV_E_FAIL);
-    EXPECT_EQ(storage->table->remove(storage, "g", 1, "k", 1), QV_E_FAIL);
-    EXPECT_EQ(storage->table->next(storage, "g", 1, "k", 1, &out, &Testing::ArrayOut::allocate),
-              QV_E_FAIL);
-    EXPECT_EQ(storage->table->exists(storage, &word), QV_E_FAIL);
-    EXPECT_EQ(Testing::messageOf(storage), text);
+    for (const ResultCode result :
+         {table->read(storage, "g", 1, "k", 1, &out, &Testing::ArrayOut::allocate),
+          table->write(storage, "g", 1, "k", 1, "v", 1), table->remove(storage, "g", 1, "k", 1),
+          table->next(storage, "g", 1, "k", 1, &out, &Testing::ArrayOut::allocate),
+          table->exists(storage, &word)}) {
+        EXPECT_EQ(result, QV_E_FAIL);
+    }
+    EXPECT_EQ(Testing::messageOf(storage),
+              "hostname is invalid or requires DNS lookup, which is not supported yet");
     EXPECT_EQ(out.calls, 0);
     EXPECT_EQ(word, 7u);
     EXPECT_TRUE(server.received().empty());
-    EXPECT_EQ(storage->table->release(storage), 0u);
+    EXPECT_EQ(table->release(storage), 0u);
 }
 
-TEST_F(RemoteClientThroughLibraryTest, EmptyAddressGivesTheClientsOwnTableWithOneCount) {
-    IStorage* storage = create("", 0);
+// The client answers IStorage with its own table, after the base's, on the
+// object's one count.
+TEST(RemoteClientThroughLibraryTest, EmptyAddressGivesTheClientsOwnTableWithOneCount) {
+    IStorage* storage = createThroughLibrary("", 0);
     ASSERT_NE(storage, nullptr);
     using OwnRemap = InterfaceContract::Details::InterfaceRemap<IStorage, RemoteStorageClient,
                                                                 RemoteStorageClient>;
     EXPECT_EQ(storage->table, &OwnRemap::table);
-
     void* queried = nullptr;
     ASSERT_EQ(storage->table->queryInterface(storage, &IID_IStorage, &queried), QV_S_OK);
     EXPECT_EQ(queried, storage);
