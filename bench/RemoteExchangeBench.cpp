@@ -165,8 +165,9 @@ int main(int argc, char** argv) {
     const double raw = reporter.median("RawExchange");
     const double remote = reporter.median("RemoteExchange");
     if (raw > 0 && remote > 0) {
-        std::printf("median per exchange: raw %.1f us, remote %.1f us; ratio %.2fx (target <= 1.30x)\n",
-                    raw / 1000, remote / 1000, remote / raw);
+        std::printf(
+            "median per exchange: raw %.1f us, remote %.1f us; ratio %.2fx (target <= 1.30x)\n",
+            raw / 1000, remote / 1000, remote / raw);
     }
     benchmark::Shutdown();
     return 0;

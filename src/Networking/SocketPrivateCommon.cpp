@@ -26,8 +26,8 @@ std::int32_t SocketPrivateCommon::sendSome(const char* buffer, std::int32_t leng
     return 0;
 }
 
-std::int32_t SocketPrivateCommon::receiveSome(char* buffer, std::int32_t length,
-                                              std::int32_t flags, std::int32_t& error) {
+std::int32_t SocketPrivateCommon::receiveSome(char* buffer, std::int32_t length, std::int32_t flags,
+                                              std::int32_t& error) {
     error = 0;
     const std::int32_t count = receiveNative(buffer, length, flags);
     if (count >= 0) {

@@ -14,6 +14,7 @@
 #include <climits>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include "NetworkException.h"
 #include "SocketError.h"
@@ -27,48 +28,54 @@ thread_local std::int32_t lastSocketError = 0;
 
 int descriptor(SocketHandle handle) { return static_cast<int>(handle); }
 
+// errno -> the Windows socket number. A connect under way is "would block"
+// to Windows, not "in progress"; Windows knows no descriptor numbers, so a
+// closed handle is no socket; EPIPE is a write to a connection the peer
+// dropped.
+constexpr std::pair<int, std::int32_t> kTranslations[] = {
+    {EINTR, WSAEINTR},
+    {EACCES, WSAEACCES},
+    {EPERM, WSAEACCES},
+    {EFAULT, WSAEFAULT},
+    {EINVAL, WSAEINVAL},
+    {EMFILE, WSAEMFILE},
+    {ENFILE, WSAEMFILE},
+    {EINPROGRESS, WSAEWOULDBLOCK},
+    {EAGAIN, WSAEWOULDBLOCK},
+    {EALREADY, WSAEALREADY},
+    {EBADF, WSAENOTSOCK},
+    {ENOTSOCK, WSAENOTSOCK},
+    {EMSGSIZE, WSAEMSGSIZE},
+    {EPROTOTYPE, WSAEPROTOTYPE},
+    {ENOPROTOOPT, WSAENOPROTOOPT},
+    {EPROTONOSUPPORT, WSAEPROTONOSUPPORT},
+    {EOPNOTSUPP, WSAEOPNOTSUPP},
+    {EAFNOSUPPORT, WSAEAFNOSUPPORT},
+    {EADDRINUSE, WSAEADDRINUSE},
+    {EADDRNOTAVAIL, WSAEADDRNOTAVAIL},
+    {ENETDOWN, WSAENETDOWN},
+    {ENETUNREACH, WSAENETUNREACH},
+    {ENETRESET, WSAENETRESET},
+    {ECONNABORTED, WSAECONNABORTED},
+    {EPIPE, WSAECONNRESET},
+    {ECONNRESET, WSAECONNRESET},
+    {ENOMEM, WSAENOBUFS},
+    {ENOBUFS, WSAENOBUFS},
+    {EISCONN, WSAEISCONN},
+    {ENOTCONN, WSAENOTCONN},
+    {ESHUTDOWN, WSAESHUTDOWN},
+    {ETIMEDOUT, WSAETIMEDOUT},
+    {ECONNREFUSED, WSAECONNREFUSED},
+    {EHOSTDOWN, WSAEHOSTDOWN},
+    {EHOSTUNREACH, WSAEHOSTUNREACH},
+};
+
+// The one place where errno becomes a socket error number.
 std::int32_t translate(int error) {
-    switch (error) {
-        case EINTR: return WSAEINTR;
-        case EACCES:
-        case EPERM: return WSAEACCES;
-        case EFAULT: return WSAEFAULT;
-        case EINVAL: return WSAEINVAL;
-        case EMFILE:
-        case ENFILE: return WSAEMFILE;
-        // A connect under way is "would block" to Windows, not "in progress".
-        case EINPROGRESS:
-        case EAGAIN: return WSAEWOULDBLOCK;
-        case EALREADY: return WSAEALREADY;
-        // Windows knows no descriptor numbers: a closed handle is no socket.
-        case EBADF:
-        case ENOTSOCK: return WSAENOTSOCK;
-        case EMSGSIZE: return WSAEMSGSIZE;
-        case EPROTOTYPE: return WSAEPROTOTYPE;
-        case ENOPROTOOPT: return WSAENOPROTOOPT;
-        case EPROTONOSUPPORT: return WSAEPROTONOSUPPORT;
-        case EOPNOTSUPP: return WSAEOPNOTSUPP;
-        case EAFNOSUPPORT: return WSAEAFNOSUPPORT;
-        case EADDRINUSE: return WSAEADDRINUSE;
-        case EADDRNOTAVAIL: return WSAEADDRNOTAVAIL;
-        case ENETDOWN: return WSAENETDOWN;
-        case ENETUNREACH: return WSAENETUNREACH;
-        case ENETRESET: return WSAENETRESET;
-        case ECONNABORTED: return WSAECONNABORTED;
-        // Writing to a connection the peer has dropped.
-        case EPIPE:
-        case ECONNRESET: return WSAECONNRESET;
-        case ENOMEM:
-        case ENOBUFS: return WSAENOBUFS;
-        case EISCONN: return WSAEISCONN;
-        case ENOTCONN: return WSAENOTCONN;
-        case ESHUTDOWN: return WSAESHUTDOWN;
-        case ETIMEDOUT: return WSAETIMEDOUT;
-        case ECONNREFUSED: return WSAECONNREFUSED;
-        case EHOSTDOWN: return WSAEHOSTDOWN;
-        case EHOSTUNREACH: return WSAEHOSTUNREACH;
-        default: return WSASYSCALLFAILURE;
+    for (const auto& [system, windows] : kTranslations) {
+        if (system == error) return windows;
     }
+    return WSASYSCALLFAILURE;
 }
 
 void recordError(int error) noexcept { lastSocketError = translate(error); }
@@ -106,10 +113,10 @@ bool waitUntilConnected(int fd, std::uint32_t timeoutMilliseconds) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMilliseconds);
     pollfd watched{fd, POLLOUT, 0};
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - Clock::now());
-        const int waited = ::poll(&watched, 1, static_cast<int>(std::clamp<long long>(
-                                                   left.count(), 0, INT_MAX)));
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        const int waited =
+            ::poll(&watched, 1, static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX)));
         if (waited > 0) break;
         if (waited == 0) {
             lastSocketError = WSAETIMEDOUT;
@@ -166,8 +173,8 @@ std::uint32_t SocketPrivateCommon::getSendTimeout() { return getTimeout(handle_,
 
 std::int32_t SocketPrivateCommon::sendNative(const char* buffer, std::int32_t length,
                                              std::int32_t flags) noexcept {
-    const ssize_t count = ::send(descriptor(handle_), buffer, static_cast<std::size_t>(length),
-                                 flags | MSG_NOSIGNAL);
+    const ssize_t count =
+        ::send(descriptor(handle_), buffer, static_cast<std::size_t>(length), flags | MSG_NOSIGNAL);
     if (count < 0) recordTransferError(descriptor(handle_), errno);
     return static_cast<std::int32_t>(count);
 }
@@ -186,8 +193,8 @@ void SocketPrivate::startUp() noexcept {}
 SocketPrivate::SocketPrivate(std::int32_t family, std::int32_t type, std::int32_t protocol)
     : SocketPrivateNativeBase(family, type, protocol) {
     startUp();
-    const int fd = ::socket(nativeFamily(static_cast<std::uint32_t>(family)), type | SOCK_CLOEXEC,
-                            protocol);
+    const int fd =
+        ::socket(nativeFamily(static_cast<std::uint32_t>(family)), type | SOCK_CLOEXEC, protocol);
     if (fd < 0) {
         recordError(errno);
         throw std::runtime_error("Failed to create socket");

@@ -30,8 +30,7 @@ public:
     RemoteStorageClient(std::string host, std::uint32_t port);
 
     std::string read(const std::string& group, const std::string& key) override;
-    void write(const std::string& group, const std::string& key,
-               const std::string& data) override;
+    void write(const std::string& group, const std::string& key, const std::string& data) override;
     void remove(const std::string& group, const std::string& key) override;
     std::string next(const std::string& group, const std::string& key) override;
     // True when the server answers with success; false on any other status.

@@ -41,9 +41,10 @@ std::string failureOf(const std::function<void()>& call) {
 
 void expectReport(const std::string& text, const std::string& function,
                   const std::string& message) {
-    const std::string head = "Exception:\n\tfile: src/StorageClient/RemoteStorageClient.cpp\n"
-                             "\tfunction: Quorvendale::StorageClient::RemoteStorageClient::" +
-                             function + "\n\tline: ";
+    const std::string head =
+        "Exception:\n\tfile: src/StorageClient/RemoteStorageClient.cpp\n"
+        "\tfunction: Quorvendale::StorageClient::RemoteStorageClient::" +
+        function + "\n\tline: ";
     EXPECT_TRUE(text.starts_with(head)) << text;
     EXPECT_TRUE(text.ends_with("\n\tmessage: " + message)) << text;
 }
@@ -79,11 +80,15 @@ TEST(RemoteExchangeTest, RequestsGoOutAsExactFrames) {
 // length far beyond what is sent; no answer at all, past the time-out.
 TEST(RemoteExchangeTest, ServerFaultsGiveTheFailedStepsReport) {
     const std::string body = responseBody(1, "payload");
-    for (const LoopbackServer::Answer& answer :
-         {LoopbackServer::Answer{""}, {"\x09\0\0\0"s}, {frame(body).substr(0, 12)},
-          {frame(body, std::uint64_t{1} << 40)}, {.bytes = "", .holdOpen = true}}) {
+    for (const LoopbackServer::Answer& answer : {LoopbackServer::Answer{""},
+                                                 {"\x09\0\0\0"s},
+                                                 {frame(body).substr(0, 12)},
+                                                 {frame(body, std::uint64_t{1} << 40)},
+                                                 {.bytes = "", .holdOpen = true}}) {
         LoopbackServer server({answer});
-        expectReport(failureOf([&] { exchange(server, {RemoteCommand::Exists, "", "", ""}); }),
+        expectReport(failureOf([&] {
+                         exchange(server, {RemoteCommand::Exists, "", "", ""});
+                     }),
                      "sendMessage", "Failed to get response");
     }
 }
@@ -112,8 +117,7 @@ TEST(RemoteStorageClientTest, ReadOfAStoreThatIsNotServingSendsNoReadRequest) {
 
 TEST(RemoteStorageClientTest, FailedStatusIsAReportWithTheServersTextButExistsIsFalse) {
     const LoopbackServer::Answer failed{frame(responseBody(0, "disk full"))};
-    LoopbackServer server(
-        {failed, failed, failed, {frame(responseBody(1, ""))}, failed, failed});
+    LoopbackServer server({failed, failed, failed, {frame(responseBody(1, ""))}, failed, failed});
     LoopbackStorageClient client(server);
     expectReport(failureOf([&] { client.write("g", "k", "v"); }), "write", "disk full");
     expectReport(failureOf([&] { client.remove("g", "k"); }), "remove", "disk full");
@@ -127,10 +131,10 @@ IStorage* createThroughLibrary(const std::string& address, std::uint32_t port) {
     ILibrary* library = nullptr;
     InterfaceContract::handOut(*new Library, IID_ILibrary, &library);
     IStorage* storage = nullptr;
-    EXPECT_EQ(library->table->createRemoteStorageClient(
-                  library, address.data(), static_cast<std::uint32_t>(address.size()), port,
-                  &storage),
-              QV_S_OK);
+    EXPECT_EQ(
+        library->table->createRemoteStorageClient(
+            library, address.data(), static_cast<std::uint32_t>(address.size()), port, &storage),
+        QV_S_OK);
     library->table->release(library);
     return storage;
 }

@@ -35,10 +35,15 @@ TEST(RemoteWireCodecTest, LongFieldsHaveMultiByteLengths) {
 }
 
 TEST(RemoteWireCodecTest, ResponsesDecodeOnlyWithinTheirBody) {
-    const RemoteResponse response = decodeResponse("\x00\x01\x03" "a\0b" "ignored"s);
+    const RemoteResponse response = decodeResponse(
+        "\x00\x01\x03"
+        "a\0b"
+        "ignored"s);
     EXPECT_EQ(response.status, 1);
     EXPECT_EQ(response.payload, "a\0b"s);
-    for (const std::string& body : {""s, "\x00\x01"s, "\x00\x01\x05" "abc"s,
+    for (const std::string& body : {""s, "\x00\x01"s,
+                                    "\x00\x01\x05"
+                                    "abc"s,
                                     "\x00\x01\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01"s}) {
         EXPECT_THROW(decodeResponse(body), std::runtime_error) << testing::PrintToString(body);
     }

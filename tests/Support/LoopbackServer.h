@@ -101,7 +101,8 @@ private:
                 }
             }
             ::send(connection, answer.bytes.data(), answer.bytes.size(), MSG_NOSIGNAL);
-            while (answer.holdOpen && receive(connection, 1)) {}
+            while (answer.holdOpen && receive(connection, 1)) {
+            }
             ::close(connection);
         }
     }
