@@ -3,11 +3,13 @@
 #include <stdexcept>
 
 #include "InterfaceContract/OutSlot.h"
+#include "RemoteStorageClient.h"
 
 namespace Quorvendale::StorageClient {
 
-void Library::createRemoteStorageClient(const std::string&, std::uint32_t, IStorage**) {
-    throw std::runtime_error("the remote storage client is not available in this build");
+void Library::createRemoteStorageClient(const std::string& address, std::uint32_t port,
+                                        IStorage** out) {
+    InterfaceContract::handOut(*new RemoteStorageClient(address, port), IID_IStorage, out);
 }
 
 void Library::createUwpLocalStorageClient(IStorage**) {

@@ -1,0 +1,174 @@
+// One remote exchange (connect, framed request, framed response, close)
+// against a loopback server, beside the same connect/send/receive/close done
+// with bare system calls in the same run. Prints the ratio.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Networking/Socket.h"
+#include "StorageClient/RemoteStorageClient.h"
+
+namespace {
+
+using namespace Quorvendale;
+using namespace std::string_literals;
+
+constexpr std::uint32_t kLoopback = 0x0100007F;
+const std::string kRequestFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
+const std::string kResponseFrame = "\x03\0\0\0\0\0\0\0\x00\x01\x00"s;
+
+bool receiveExactly(int fd, char* buffer, std::size_t length) {
+    while (length > 0) {
+        const ssize_t count = ::recv(fd, buffer, length, 0);
+        if (count <= 0) return false;
+        buffer += count;
+        length -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+// Answers every framed request with one success frame, then closes.
+class Server {
+public:
+    Server() {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = kLoopback;
+        socklen_t size = sizeof address;
+        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), size) < 0 ||
+            ::listen(listener_, 64) < 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) < 0) {
+            throw std::runtime_error("bench server cannot listen");
+        }
+        port = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~Server() {
+        stop_ = true;
+        thread_.join();
+        ::close(listener_);
+    }
+
+    std::uint16_t port = 0;
+
+private:
+    void serve() {
+        pollfd watched{listener_, POLLIN, 0};
+        while (!stop_) {
+            if (::poll(&watched, 1, 50) <= 0) continue;
+            const int connection = ::accept(listener_, nullptr, nullptr);
+            if (connection < 0) continue;
+            char header[8];
+            std::string body(5, '\0');
+            if (receiveExactly(connection, header, 8) &&
+                receiveExactly(connection, body.data(), body.size())) {
+                ::send(connection, kResponseFrame.data(), kResponseFrame.size(), MSG_NOSIGNAL);
+            }
+            ::close(connection);
+        }
+    }
+
+    int listener_ = -1;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+Server* server = nullptr;
+
+void RawExchange(benchmark::State& state) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = kLoopback;
+    address.sin_port = htons(server->port);
+    for (auto _ : state) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+            state.SkipWithError("connect failed");
+        }
+        ::send(fd, kRequestFrame.data(), 8, MSG_NOSIGNAL);
+        ::send(fd, kRequestFrame.data() + 8, 5, MSG_NOSIGNAL);
+        char response[11];
+        if (!receiveExactly(fd, response, 8) || !receiveExactly(fd, response + 8, 3)) {
+            state.SkipWithError("no response");
+        }
+        ::shutdown(fd, SHUT_RDWR);
+        ::close(fd);
+    }
+}
+
+void RemoteExchange(benchmark::State& state) {
+    const StorageClient::RemoteRequest exists{StorageClient::RemoteCommand::Exists, "", "", ""};
+    for (auto _ : state) {
+        Networking::Socket socket(Networking::InterNetwork, Networking::kSocketTypeStream,
+                                  Networking::kProtocolTcp);
+        if (!socket.connect(Networking::IPAddress(kLoopback), server->port, 3000)) {
+            state.SkipWithError("connect failed");
+        }
+        benchmark::DoNotOptimize(StorageClient::RemoteStorageClient::sendMessage(socket, exists));
+    }
+}
+
+BENCHMARK(RawExchange)->MinTime(0.2)->Repetitions(5);
+BENCHMARK(RemoteExchange)->MinTime(0.2)->Repetitions(5);
+
+// Keeps each benchmark's times per iteration, one per repetition, for the
+// ratio of the medians.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
+                times[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
+            }
+        }
+    }
+    double median(const std::string& name) {
+        auto& list = times[name];
+        if (list.empty()) return 0;
+        std::sort(list.begin(), list.end());
+        return list[list.size() / 2];
+    }
+
+private:
+    std::map<std::string, std::vector<double>> times;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Repetitions of the two run interleaved, so that both meet the same
+    // conditions (every exchange leaves a connection in TIME_WAIT).
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string interleave = "--benchmark_enable_random_interleaving=true";
+    arguments.insert(arguments.begin() + 1, interleave.data());
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    Server running;
+    server = &running;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    const double raw = reporter.median("RawExchange");
+    const double remote = reporter.median("RemoteExchange");
+    if (raw > 0 && remote > 0) {
+        std::printf(
+            "median per exchange: raw %.1f us, remote %.1f us; ratio %.2fx (target <= 1.30x)\n",
+            raw / 1000, remote / 1000, remote / raw);
+    }
+    benchmark::Shutdown();
+    return 0;
+}

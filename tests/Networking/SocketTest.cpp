@@ -1,0 +1,134 @@
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "Networking/NetworkException.h"
+#include "Networking/Socket.h"
+#include "Networking/SocketError.h"
+#include "Networking/SocketPrivate.h"
+#include "Networking/TcpClient.h"
+#include "Support/LoopbackServer.h"
+
+namespace Quorvendale::Networking {
+namespace {
+
+using Server = Testing::LoopbackServer;
+
+// A blocking socket connected to `server`.
+std::unique_ptr<Socket> connectedTo(const Server& server) {
+    auto socket = std::make_unique<Socket>(InterNetwork, kSocketTypeStream, kProtocolTcp);
+    if (!socket->connect(IPAddress(Testing::kLoopback), server.port(), 3000)) {
+        throw std::logic_error("loopback server unreachable");
+    }
+    socket->setBlocking(true);
+    return socket;
+}
+
+TEST(SocketTest, TransfersOfLengthBelowOneMakeNoCall) {
+    Server server({{.bytes = "x", .readFrame = false, .holdOpen = true}});
+    auto socket = connectedTo(server);
+    // The first send call refuses a null buffer, so these made none.
+    EXPECT_EQ(socket->sendAll(nullptr, 0), 0);
+    EXPECT_EQ(socket->sendAll(nullptr, -1), 0);
+    EXPECT_EQ(socket->receiveAll(nullptr, 0), 0);
+    EXPECT_THROW(socket->sendAll(nullptr, 1), NetworkException);
+    EXPECT_TRUE(socket->connected());
+}
+
+TEST(SocketTest, PeerClosingMidReceiveGivesNotConnected) {
+    Server server({{.bytes = "abc", .readFrame = false}});
+    auto socket = connectedTo(server);
+    char buffer[10];
+    EXPECT_EQ(socket->receiveAll(buffer, sizeof buffer), WSAENOTCONN);
+    EXPECT_EQ(std::string(buffer, 3), "abc");
+}
+
+TEST(SocketTest, ReceiveTimeOutIsTimedOutOnBlockingSocketsOnly) {
+    Server server({{.bytes = "", .readFrame = false, .holdOpen = true}});
+    auto socket = connectedTo(server);
+    char buffer[4];
+    socket->setBlocking(false);
+    EXPECT_EQ(socket->receiveAll(buffer, sizeof buffer), WSAEWOULDBLOCK);
+    EXPECT_TRUE(socket->connected());
+
+    socket->setBlocking(true);
+    socket->setReceiveTimeout(100);
+    EXPECT_EQ(socket->receiveAll(buffer, sizeof buffer), WSAETIMEDOUT);
+    EXPECT_FALSE(socket->connected());
+    // A socket no longer connected transfers nothing and reports 0.
+    EXPECT_EQ(socket->sendAll("data", 4), 0);
+}
+
+TEST(SocketTest, SendToAVanishedPeerIsAnErrorNotSigpipe) {
+    Server server({{.bytes = "", .readFrame = false}});
+    auto socket = connectedTo(server);
+    char byte;
+    ASSERT_EQ(socket->receiveAll(&byte, 1), WSAENOTCONN);  // the server has closed
+    const std::string chunk(65536, 'z');
+    std::int32_t error = 0;
+    for (int i = 0; i < 100 && error == 0; ++i) error = socket->sendAll(chunk.data(), 65536);
+    EXPECT_EQ(error, WSAECONNRESET);
+}
+
+TEST(SocketTest, RefusedConnectReturnsFalse) {
+    // A port bound without listening refuses, and stays ours meanwhile.
+    const int bound = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{AF_INET, 0, {Testing::kLoopback}, {}};
+    socklen_t size = sizeof address;
+    ASSERT_EQ(::bind(bound, reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(::getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size), 0);
+
+    Socket socket(InterNetwork, kSocketTypeStream, kProtocolTcp);
+    EXPECT_FALSE(socket.connect(IPAddress(Testing::kLoopback), ntohs(address.sin_port), 3000));
+    EXPECT_FALSE(socket.connected());
+    ::close(bound);
+}
+
+TEST(SocketTest, WrappedHandlesAreClosedWithTheirOwnerEvenIfAlreadyClosed) {
+    SocketPrivate creator(InterNetwork, kSocketTypeStream, kProtocolTcp);
+    EXPECT_THROW(creator.createFromHandle(INVALID_SOCKET), NetworkException);
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    creator.createFromHandle(static_cast<SocketHandle>(pair[0]));  // destroyed at once
+    EXPECT_EQ(::write(pair[0], "x", 1), -1);
+    ::close(pair[1]);
+    EXPECT_NO_THROW(creator.createFromHandle(static_cast<SocketHandle>(pair[1])));
+}
+
+TEST(SocketAddressTest, IPv4IsFamilyPortAddressThenZeros) {
+    const SocketAddress address = IPEndPoint(IPAddress(0x0A00A8C0), 8080).toSocketAddress();
+    const std::uint8_t expected[32] = {0x02, 0x00, 0x1F, 0x90, 0xC0, 0xA8, 0x00, 0x0A};
+    EXPECT_EQ(address.size, 16);
+    EXPECT_TRUE(std::equal(expected, expected + 32, address.bytes.begin()));
+}
+
+// Only the parse failure is thrown by value: a handler of NetworkException by
+// reference sees it and not the pointer throws.
+TEST(TcpClientTest, NoHostTextParsesAndNoSocketIsMade) {
+    for (const char* host : {"127.0.0.1", "localhost", ""}) {
+        TcpClient client;
+        try {
+            client.connect(host, 80, 3000);
+            FAIL() << host;
+        } catch (const NetworkException& e) {
+            EXPECT_STREQ(e.what(),
+                         "hostname is invalid or requires DNS lookup, which is not supported yet");
+        }
+        EXPECT_EQ(client.socket(), nullptr);
+    }
+    try {
+        TcpClient().connect(nullptr, 80, 3000);
+        ADD_FAILURE();
+    } catch (NetworkException* e) {
+        EXPECT_STREQ(e->what(), "hostname is null");
+        delete e;
+    }
+}
+
+}  // namespace
+}  // namespace Quorvendale::Networking
