@@ -20,7 +20,7 @@
 namespace Quorvendale::Storage {
 
 class FileSystem {
-  public:
+public:
     // Separates folder levels in the paths the store builds.
     static constexpr char16_t separator = u'/';
 

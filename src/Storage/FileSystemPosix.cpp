@@ -28,7 +28,7 @@ constexpr char endOfText = '\x1A';
 constexpr std::size_t writeChunkSize = 64 * 1024;
 
 class FileDescriptor {
-  public:
+public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
@@ -42,7 +42,7 @@ class FileDescriptor {
     // fail at the close.
     bool close() { return ::close(std::exchange(fd_, -1)) == 0; }
 
-  private:
+private:
     int fd_;
 };
 
