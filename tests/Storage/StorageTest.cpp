@@ -1,6 +1,7 @@
 // BasicStorage through its one concrete store, UwpStorage, rooted in a
 // temporary package folder, checked against the bytes left on disk.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -90,12 +91,17 @@ TEST_F(StorageTest, NextWalksTheGroupInListingOrder) {
     EXPECT_EQ(errorOf([&] { store_.next("g", "default"); }), "Invalid key");
 }
 
-TEST_F(StorageTest, KeyNamingASubFolder) {
+TEST_F(StorageTest, EntriesThatAreNotFiles) {
     std::filesystem::create_directories(package_.localState() / "g" / "sub");
     EXPECT_EQ(store_.read("g", "sub"), "");
     EXPECT_EQ(errorOf([&] { store_.write("g", "sub", "x"); }), "Write file error");
     EXPECT_EQ(errorOf([&] { store_.remove("g", "sub"); }), "Remove file error");
     EXPECT_TRUE(std::filesystem::is_directory(package_.localState() / "g" / "sub"));
+
+    // A pipe with no other end must not make the store wait.
+    ASSERT_EQ(::mkfifo(entryPath("g", "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(store_.read("g", "pipe"), "");
+    EXPECT_EQ(errorOf([&] { store_.write("g", "pipe", "x"); }), "Write file error");
 }
 
 TEST_F(StorageTest, NamesAreUtf8UpToTheirFirstZero) {
