@@ -17,18 +17,18 @@
 namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API StorageFolder {
-  public:
+public:
     explicit StorageFolder(hstring path) : path_(std::move(path)) {}
 
     // The folder's full path, without a trailing separator.
     hstring Path() const { return path_; }
 
-  private:
+private:
     hstring path_;
 };
 
 class QV_PLATFORM_API ApplicationData {
-  public:
+public:
     // The calling process's application data. Throws HResultError
     // APPMODEL_ERROR_NO_PACKAGE "The process has no package identity." when
     // the process has none.
@@ -40,7 +40,7 @@ class QV_PLATFORM_API ApplicationData {
     // or when neither XDG_DATA_HOME nor HOME says where it belongs.
     StorageFolder LocalFolder() const;
 
-  private:
+private:
     explicit ApplicationData(std::string packageFamilyName)
         : packageFamilyName_(std::move(packageFamilyName)) {}
 

@@ -33,7 +33,7 @@
 namespace Quorvendale::Storage {
 
 class BasicStorage {
-  public:
+public:
     virtual ~BasicStorage() = default;
 
     // The root folder, without a trailing separator. Asked again for every
@@ -67,11 +67,11 @@ class BasicStorage {
     // status cannot be taken.
     std::string readFile(const std::u16string& path);
 
-  protected:
+protected:
     // <root>/<group>/, the group in UTF-16 up to its first zero byte.
     std::u16string groupFolder(std::string_view group);
 
-  private:
+private:
     std::u16string entryPath(const std::u16string& folder, std::string_view key);
 };
 

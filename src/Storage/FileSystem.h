@@ -20,7 +20,7 @@
 namespace Quorvendale::Storage {
 
 class FileSystem {
-  public:
+public:
     // Separates folder levels in the paths the store builds.
     static constexpr char16_t separator = u'/';
 
@@ -37,8 +37,8 @@ class FileSystem {
     static std::optional<std::vector<std::u16string>> listFolder(const std::u16string& path);
 
     // The whole content of a file, read in text mode. Nothing when the path's
-    // status cannot be taken; empty when something is there but cannot be
-    // opened or read (a folder, for example).
+    // status cannot be taken; empty when what is there is no regular file (a
+    // folder, a pipe) or cannot be opened.
     static std::optional<std::string> readText(const std::u16string& path);
 
     // Replaces the whole content of a file, creating it if needed, written in

@@ -24,11 +24,12 @@ constexpr char lineFeed = '\n';
 constexpr char endOfText = '\x1A';
 
 // Text with line feeds reaches the file through a buffer of at most this
-// size, small enough to stay in the processor's cache.
-constexpr std::size_t writeChunkSize = 64 * 1024;
+// size. Large, because every write call to a file also updates its times,
+// which costs more than the copy; only the pages used are ever touched.
+constexpr std::size_t writeChunkSize = 4 * 1024 * 1024;
 
 class FileDescriptor {
-  public:
+public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
@@ -42,7 +43,7 @@ class FileDescriptor {
     // fail at the close.
     bool close() { return ::close(std::exchange(fd_, -1)) == 0; }
 
-  private:
+private:
     int fd_;
 };
 
@@ -86,13 +87,14 @@ bool writeTextMode(int fd, std::string_view data) {
 
 // The file's bytes as they are. Reads straight into the result, sized from
 // the file's status; a file that grows meanwhile is read to its new end.
-// A read error (EISDIR for a folder) ends the content where it is.
+// Only a regular file has content: a folder, a pipe or a device reads as
+// empty, so that no entry can block a read or feed it without end.
 std::string readAll(int fd) {
     struct stat status {};
-    const bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return {};
     // One byte more than the file holds, so that a single read both fills it
     // and, falling short, shows that the end was reached.
-    std::string content(regular ? static_cast<std::size_t>(status.st_size) + 1 : 4096, '\0');
+    std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
     std::size_t size = 0;
     for (;;) {
         if (size == content.size()) content.resize(2 * content.size());
@@ -101,7 +103,7 @@ std::string readAll(int fd) {
         if (got <= 0) break;
         size += static_cast<std::size_t>(got);
         // A regular file gives fewer bytes than asked only at its end.
-        if (regular && size < content.size()) break;
+        if (size < content.size()) break;
     }
     content.resize(size);
     return content;
@@ -153,7 +155,9 @@ std::optional<std::vector<std::u16string>> FileSystem::listFolder(const std::u16
 
 std::optional<std::string> FileSystem::readText(const std::u16string& path) {
     // Opening first spares the status call whenever the file is there.
-    FileDescriptor file(::open(utf16ToUtf8(path).c_str(), O_RDONLY | O_CLOEXEC));
+    // O_NONBLOCK, which regular files ignore, keeps the open of a pipe from
+    // waiting for its other end.
+    FileDescriptor file(::open(utf16ToUtf8(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.valid()) return exists(path) ? std::optional<std::string>("") : std::nullopt;
     std::string content = readAll(file.get());
     translateTextMode(content);
@@ -161,8 +165,8 @@ std::optional<std::string> FileSystem::readText(const std::u16string& path) {
 }
 
 bool FileSystem::writeText(const std::u16string& path, std::string_view data) {
-    FileDescriptor file(
-        ::open(utf16ToUtf8(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    FileDescriptor file(::open(utf16ToUtf8(path).c_str(),
+                               O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!file.valid()) return false;
     const bool written = writeTextMode(file.get(), data);
     return file.close() && written;

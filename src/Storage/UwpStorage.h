@@ -8,7 +8,7 @@
 namespace Quorvendale::Storage {
 
 class UwpStorage : public BasicStorage {
-  public:
+public:
     // The process-wide store, made on first use (safe from any thread) and
     // destroyed at process exit.
     static UwpStorage& instance();

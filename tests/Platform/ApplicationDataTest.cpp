@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "Platform/HResultError.h"
 #include "Platform/TextConversion.h"
 #include "Support/PackageFolder.h"
@@ -19,22 +16,17 @@ std::filesystem::path localFolderPath() {
     return utf16ToUtf8(ApplicationData::Current().LocalFolder().Path());
 }
 
-TEST(ApplicationData, LocalFolderIsMadeUnderXdgDataHome) {
+TEST(ApplicationData, LocalFolderIsMadeWhereTheEnvironmentSays) {
     PackageFolder package;
     EXPECT_EQ(localFolderPath(), package.localState());
     EXPECT_TRUE(std::filesystem::is_directory(package.localState()));
 
-    // The identity is read on every call, not once per process.
+    // Read on every call, not once per process.
     ScopedEnvironment other("QUORVENDALE_PACKAGE_FAMILY_NAME", "Other_1");
     EXPECT_EQ(localFolderPath(), package.base() / "Packages/Other_1/LocalState");
-}
-
-TEST(ApplicationData, LocalFolderFallsBackToHome) {
-    PackageFolder package;
     ScopedEnvironment home("HOME", package.base().c_str());
     ScopedEnvironment relative("XDG_DATA_HOME", "relative/is/ignored");
-    EXPECT_EQ(localFolderPath(), package.base() / ".local/share/Packages" /
-                                     PackageFolder::packageFamilyName / "LocalState");
+    EXPECT_EQ(localFolderPath(), package.base() / ".local/share/Packages/Other_1/LocalState");
 }
 
 TEST(ApplicationData, ProcessWithoutPackageIdentityFails) {
@@ -46,16 +38,6 @@ TEST(ApplicationData, ProcessWithoutPackageIdentityFails) {
         EXPECT_EQ(static_cast<std::uint32_t>(error.code()), 0x80073D54u);
         EXPECT_EQ(error.message(), hstring(u"The process has no package identity."));
     }
-}
-
-TEST(ApplicationData, UnusableLocalFolderFails) {
-    PackageFolder package;
-    std::filesystem::create_directories(package.base() / "Packages");
-    std::filesystem::create_directory(package.base() / "Packages" /
-                                      PackageFolder::packageFamilyName);
-    // A file where LocalState belongs: the folder cannot be made.
-    { std::ofstream(package.localState()) << "x"; }
-    EXPECT_THROW(ApplicationData::Current().LocalFolder(), HResultError);
 }
 
 }  // namespace
