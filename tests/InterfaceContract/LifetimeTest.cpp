@@ -46,24 +46,6 @@ TEST(Lifetime, CountsRiseAndFallAndTheLastReleaseDestroysOnce) {
     EXPECT_EQ(witness.destroyed, 1);
 }
 
-TEST(Lifetime, QueriesShareOneCountAndExceptionDataIsUncounted) {
-    Witness witness;
-    IInterface* object = makeProbe(witness);
-
-    void* out = nullptr;
-    ASSERT_EQ(object->table->queryInterface(object, &IID_IExceptionData, &out), QV_S_OK);
-    auto* data = static_cast<IExceptionData*>(out);
-    EXPECT_EQ(object->table->addRef(object), 2u) << "IExceptionData took a reference";
-
-    // Any table of the object reaches the same counts.
-    ASSERT_EQ(data->table->queryInterface(data, &IID_IInterface, &out), QV_S_OK);
-    EXPECT_EQ(out, object);
-    EXPECT_EQ(object->table->release(object), 2u);
-    EXPECT_EQ(object->table->release(object), 1u);
-    EXPECT_EQ(object->table->release(object), 0u);
-    EXPECT_EQ(witness.destroyed, 1);
-}
-
 TEST(Lifetime, ConcurrentAddRefAndReleaseDestroyExactlyOnce) {
     constexpr int threads = 4;
     constexpr int rounds = 1000;
