@@ -78,7 +78,7 @@ BENCHMARK(valueSetRoundTrip)->Name("AppServiceConnection 100-byte ValueSet reque
 
 // Keeps each benchmark's time per iteration, to print the ratio at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
-  public:
+public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) times[run.benchmark_name()] = run.GetAdjustedRealTime();
         ConsoleReporter::ReportRuns(runs);

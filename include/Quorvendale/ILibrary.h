@@ -55,8 +55,7 @@ QV_STATIC_ASSERT(sizeof(ILibraryTable) == 5 * sizeof(void*), "ILibrary has 5 slo
 QV_EXTERN_C QV_EXPORT ResultCode QV_CALL getLibraryInterface(IInterface* loaderHandle,
                                                              ILibrary** out);
 
-typedef ResultCode(QV_CALL* GetLibraryInterfaceFunction)(IInterface* loaderHandle,
-                                                         ILibrary** out);
+typedef ResultCode(QV_CALL* GetLibraryInterfaceFunction)(IInterface* loaderHandle, ILibrary** out);
 
 #ifdef __cplusplus
 }  // namespace Quorvendale::StorageClient

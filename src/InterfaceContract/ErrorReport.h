@@ -49,8 +49,8 @@ constexpr std::string_view qualifiedFunctionName(std::string_view pretty) {
 
 }  // namespace Quorvendale::InterfaceContract
 
-#define QV_ERROR_REPORT(message)                                                              \
-    ::Quorvendale::InterfaceContract::errorReport(                                            \
+#define QV_ERROR_REPORT(message)                                                                \
+    ::Quorvendale::InterfaceContract::errorReport(                                              \
         __FILE__, ::Quorvendale::InterfaceContract::qualifiedFunctionName(__PRETTY_FUNCTION__), \
         __LINE__, (message))
 

@@ -13,7 +13,7 @@
 namespace Quorvendale::Platform::Details {
 
 class AppServiceChannel : public std::enable_shared_from_this<AppServiceChannel> {
-  public:
+public:
     explicit AppServiceChannel(int descriptor) noexcept : descriptor_(descriptor) {}
     ~AppServiceChannel();
 
@@ -30,7 +30,7 @@ class AppServiceChannel : public std::enable_shared_from_this<AppServiceChannel>
     event<const AppServiceConnection&, const AppServiceRequestReceivedEventArgs&> requestReceived;
     event<const AppServiceConnection&, const AppServiceClosedEventArgs&> serviceClosed;
 
-  private:
+private:
     void readFrames();
     std::optional<AppServiceFrame> readFrame();
     bool readExactly(char* into, std::size_t size);
@@ -63,7 +63,7 @@ struct IncomingRequest {
     const std::uint64_t requestId;
     const ValueSet message;
 
-  private:
+private:
     std::mutex mutex_;
     unsigned holds_ = 1;  // the handlers' own, dropped when they return
     bool answered_ = false;

@@ -45,14 +45,14 @@ enum class AppServiceClosedStatus {
 };
 
 class QV_PLATFORM_API AppServiceResponse {
-  public:
+public:
     AppServiceResponse(AppServiceResponseStatus status, ValueSet message)
         : status_(status), message_(std::move(message)) {}
     AppServiceResponseStatus Status() const noexcept { return status_; }
     // The answer's message; empty unless Status() is Success.
     ValueSet Message() const { return message_; }
 
-  private:
+private:
     AppServiceResponseStatus status_;
     ValueSet message_;
 };
@@ -63,10 +63,10 @@ class QV_PLATFORM_API AppServiceResponse {
 // dropped), with no answer sent, is answered with a refusal: the requester
 // sees Failure.
 class QV_PLATFORM_API AppServiceDeferral {
-  public:
+public:
     void Complete() const;
 
-  private:
+private:
     friend class AppServiceRequestReceivedEventArgs;
     struct State;
     explicit AppServiceDeferral(std::shared_ptr<State> state) : state_(std::move(state)) {}
@@ -74,14 +74,14 @@ class QV_PLATFORM_API AppServiceDeferral {
 };
 
 class QV_PLATFORM_API AppServiceRequest {
-  public:
+public:
     ValueSet Message() const;
     // Sends the answer; completes with Success once it is written, Failure if
     // the connection has ended or an answer was already sent, and
     // MessageSizeTooLarge (sending nothing) if it does not fit in a frame.
     IAsyncOperation<AppServiceResponseStatus> SendResponseAsync(const ValueSet& message) const;
 
-  private:
+private:
     friend class AppServiceRequestReceivedEventArgs;
     explicit AppServiceRequest(std::shared_ptr<Details::IncomingRequest> request)
         : request_(std::move(request)) {}
@@ -89,27 +89,27 @@ class QV_PLATFORM_API AppServiceRequest {
 };
 
 class QV_PLATFORM_API AppServiceRequestReceivedEventArgs {
-  public:
+public:
     explicit AppServiceRequestReceivedEventArgs(std::shared_ptr<Details::IncomingRequest> request)
         : request_(std::move(request)) {}
     AppServiceRequest Request() const { return AppServiceRequest(request_); }
     AppServiceDeferral GetDeferral() const;
 
-  private:
+private:
     std::shared_ptr<Details::IncomingRequest> request_;
 };
 
 class QV_PLATFORM_API AppServiceClosedEventArgs {
-  public:
+public:
     explicit AppServiceClosedEventArgs(AppServiceClosedStatus status) : status_(status) {}
     AppServiceClosedStatus Status() const noexcept { return status_; }
 
-  private:
+private:
     AppServiceClosedStatus status_;
 };
 
 class QV_PLATFORM_API AppServiceConnection {
-  public:
+public:
     using RequestReceivedHandler =
         std::function<void(const AppServiceConnection&, const AppServiceRequestReceivedEventArgs&)>;
     using ServiceClosedHandler =
@@ -141,7 +141,7 @@ class QV_PLATFORM_API AppServiceConnection {
     // ends, whatever ended it (at once, on the pool, if it already has).
     void whenEnded(std::function<void()> handler) const;
 
-  private:
+private:
     friend class Details::AppServiceChannel;
     explicit AppServiceConnection(std::shared_ptr<Details::AppServiceChannel> channel)
         : channel_(std::move(channel)) {}

@@ -29,7 +29,7 @@ void putValue(std::string& out, const com_ptr<IInspectable>& value) {
 
 // Reads a body front to back, refusing to read past its end.
 class Reader {
-  public:
+public:
     explicit Reader(std::string_view bytes) : bytes_(bytes) {}
 
     std::uint64_t takeUnsigned(std::size_t size) {
@@ -63,7 +63,7 @@ class Reader {
 
     std::size_t left() const noexcept { return bytes_.size() - position_; }
 
-  private:
+private:
     std::string_view take(std::size_t size) {
         if (size > left()) throw MalformedFrame("frame truncated");
         const std::string_view field = bytes_.substr(position_, size);

@@ -25,7 +25,7 @@
 namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API MalformedFrame : public std::runtime_error {
-  public:
+public:
     using std::runtime_error::runtime_error;
 };
 

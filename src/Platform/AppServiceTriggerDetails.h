@@ -7,13 +7,13 @@
 namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API AppServiceTriggerDetails final : public IInspectable {
-  public:
+public:
     explicit AppServiceTriggerDetails(Platform::AppServiceConnection connection)
         : connection_(std::move(connection)) {}
     hstring GetRuntimeClassName() const override;
     Platform::AppServiceConnection AppServiceConnection() const { return connection_; }
 
-  private:
+private:
     Platform::AppServiceConnection connection_;
 };
 

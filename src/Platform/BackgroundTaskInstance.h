@@ -17,7 +17,7 @@
 namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API BackgroundTaskInstance final : public IBackgroundTaskInstance {
-  public:
+public:
     static com_ptr<BackgroundTaskInstance> forConnection(const AppServiceConnection& connection);
 
     hstring GetRuntimeClassName() const override;
@@ -32,7 +32,7 @@ class QV_PLATFORM_API BackgroundTaskInstance final : public IBackgroundTaskInsta
     void Cancel(BackgroundTaskCancellationReason reason);
     IAsyncOperation<bool> Ended() const { return ended_.operation(); }
 
-  private:
+private:
     explicit BackgroundTaskInstance(com_ptr<IInspectable> triggerDetails);
     void release();
 

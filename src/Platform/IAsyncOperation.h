@@ -43,7 +43,7 @@ struct AsyncState {
 
 template <class T>
 class IAsyncOperation {
-  public:
+public:
     using CompletedHandler = std::function<void(const IAsyncOperation&, AsyncStatus)>;
 
     AsyncStatus Status() const {
@@ -87,7 +87,7 @@ class IAsyncOperation {
         finish(AsyncStatus::Canceled, [](auto&) {});
     }
 
-  private:
+private:
     template <class>
     friend class AsyncCompletion;
 
@@ -112,7 +112,7 @@ class IAsyncOperation {
 
 template <class T>
 class AsyncCompletion {
-  public:
+public:
     AsyncCompletion() = default;
 
     const IAsyncOperation<T>& operation() const noexcept { return operation_; }
@@ -128,7 +128,7 @@ class AsyncCompletion {
                                  [&](auto& state) { state.error = std::move(error); });
     }
 
-  private:
+private:
     IAsyncOperation<T> operation_;
 };
 

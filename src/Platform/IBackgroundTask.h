@@ -15,7 +15,7 @@ namespace Quorvendale::Platform {
 enum class BackgroundTaskCancellationReason { Abort = 0, Terminating = 1 };
 
 class QV_PLATFORM_API BackgroundTaskDeferral {
-  public:
+public:
     BackgroundTaskDeferral() noexcept = default;
     explicit operator bool() const noexcept { return release_ != nullptr; }
 
@@ -25,7 +25,7 @@ class QV_PLATFORM_API BackgroundTaskDeferral {
     // For the instance that hands it out: release runs on the first Complete.
     explicit BackgroundTaskDeferral(std::function<void()> release);
 
-  private:
+private:
     struct Release {
         std::function<void()> run;
         std::atomic<bool> done{false};
@@ -38,22 +38,22 @@ using BackgroundTaskCanceledEventHandler = std::function<void(
     const com_ptr<IBackgroundTaskInstance>& sender, BackgroundTaskCancellationReason reason)>;
 
 class QV_PLATFORM_API IBackgroundTaskInstance : public virtual IInspectable {
-  public:
+public:
     virtual BackgroundTaskDeferral GetDeferral() = 0;
     virtual event_token Canceled(BackgroundTaskCanceledEventHandler handler) = 0;
     virtual void Canceled(event_token token) = 0;
     // What started the task: AppServiceTriggerDetails for an app-service task.
     virtual com_ptr<IInspectable> TriggerDetails() const = 0;
 
-  protected:
+protected:
     ~IBackgroundTaskInstance() override;
 };
 
 class QV_PLATFORM_API IBackgroundTask : public virtual IInspectable {
-  public:
+public:
     virtual void Run(const com_ptr<IBackgroundTaskInstance>& taskInstance) = 0;
 
-  protected:
+protected:
     ~IBackgroundTask() override;
 };
 

@@ -18,7 +18,7 @@ namespace Quorvendale::Platform {
 // has one count. An object is born with no reference; the first com_ptr takes
 // it, and the Release that brings the count to zero deletes the object.
 class QV_PLATFORM_API IInspectable {
-  public:
+public:
     IInspectable(const IInspectable&) = delete;
     IInspectable& operator=(const IInspectable&) = delete;
 
@@ -27,17 +27,17 @@ class QV_PLATFORM_API IInspectable {
 
     virtual hstring GetRuntimeClassName() const = 0;
 
-  protected:
+protected:
     IInspectable() = default;
     virtual ~IInspectable();
 
-  private:
+private:
     std::atomic<std::uint32_t> references_{0};
 };
 
 template <class T>
 class com_ptr {
-  public:
+public:
     com_ptr() noexcept = default;
     com_ptr(std::nullptr_t) noexcept {}
     explicit com_ptr(T* object) noexcept : object_(object) {
@@ -69,7 +69,7 @@ class com_ptr {
     T& operator*() const noexcept { return *object_; }
     explicit operator bool() const noexcept { return object_ != nullptr; }
 
-  private:
+private:
     T* object_ = nullptr;
 };
 

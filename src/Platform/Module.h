@@ -25,15 +25,15 @@ inline HSTRING get_abi(const hstring& text) noexcept {
 QV_PLATFORM_API const hstring& hstringOf(HSTRING text) noexcept;
 
 class QV_PLATFORM_API IActivationFactory : public virtual IInspectable {
-  public:
+public:
     virtual com_ptr<IInspectable> ActivateInstance() = 0;
 
-  protected:
+protected:
     ~IActivationFactory() override;
 };
 
 class QV_PLATFORM_API Module {
-  public:
+public:
     struct Class {
         std::u16string_view runtimeClassName;
         com_ptr<IActivationFactory> (*makeFactory)();
@@ -50,17 +50,17 @@ class QV_PLATFORM_API Module {
 
     // A member of every object the module counts: alive as long as its object.
     class LiveObject {
-      public:
+    public:
         explicit LiveObject(Module& module) noexcept : module_(module) { ++module_.objects_; }
         LiveObject(const LiveObject&) = delete;
         LiveObject& operator=(const LiveObject&) = delete;
         ~LiveObject() { --module_.objects_; }
 
-      private:
+    private:
         Module& module_;
     };
 
-  private:
+private:
     std::vector<Class> classes_;
     std::atomic<long> objects_{0};
 };

@@ -5,13 +5,13 @@ namespace {
 
 template <class T, PropertyType type>
 class Boxed final : public IPropertyValue {
-  public:
+public:
     explicit Boxed(T value) : value_(std::move(value)) {}
     hstring GetRuntimeClassName() const override { return u"Windows.Foundation.IReference`1"; }
     PropertyType Type() const override { return type; }
     const T& value() const noexcept { return value_; }
 
-  private:
+private:
     T value_;
 };
 

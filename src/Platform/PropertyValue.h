@@ -14,12 +14,12 @@ enum class PropertyType : std::uint8_t { Empty = 0, Int64 = 6, String = 12 };
 
 // What a boxed value answers: its type.
 class QV_PLATFORM_API IPropertyValue : public virtual IInspectable {
-  public:
+public:
     virtual PropertyType Type() const = 0;
 };
 
 class QV_PLATFORM_API PropertyValue {
-  public:
+public:
     static com_ptr<IInspectable> CreateString(hstring value);
     static com_ptr<IInspectable> CreateInt64(std::int64_t value);
 };

@@ -11,7 +11,7 @@ namespace {
 constexpr unsigned maximumThreads = 64;
 
 class Pool {
-  public:
+public:
     void submit(std::function<void()> job) {
         std::lock_guard lock(mutex_);
         jobs_.push_back(std::move(job));
@@ -23,7 +23,7 @@ class Pool {
         }
     }
 
-  private:
+private:
     void work() {
         std::unique_lock lock(mutex_);
         for (;;) {

@@ -11,7 +11,7 @@
 namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API ThreadPool {
-  public:
+public:
     // Queues a job. Jobs must not throw; an escaping exception is dropped.
     static void submit(std::function<void()> job);
 };

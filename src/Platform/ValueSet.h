@@ -14,7 +14,7 @@
 namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API ValueSet {
-  public:
+public:
     using Entry = std::pair<hstring, com_ptr<IInspectable>>;
 
     ValueSet();
@@ -30,7 +30,7 @@ class QV_PLATFORM_API ValueSet {
     std::vector<Entry>::const_iterator begin() const noexcept;
     std::vector<Entry>::const_iterator end() const noexcept;
 
-  private:
+private:
     struct Map {
         std::vector<Entry> entries;
         std::map<hstring, std::size_t> index;

@@ -20,7 +20,7 @@ struct event_token {
 
 template <class... Args>
 class event {
-  public:
+public:
     using Handler = std::function<void(Args...)>;
 
     event_token add(Handler handler) {
@@ -58,7 +58,7 @@ class event {
         }
     }
 
-  private:
+private:
     mutable std::mutex mutex_;
     std::int64_t lastToken_ = 0;
     std::vector<std::pair<event_token, Handler>> handlers_;

@@ -14,8 +14,7 @@ class Library final : public InterfaceContract::InterfacedObject {
 public:
     Library() noexcept { link(libraryContainer_, this); }
 
-    void createRemoteStorageClient(const std::string& address, std::uint32_t port,
-                                   IStorage** out);
+    void createRemoteStorageClient(const std::string& address, std::uint32_t port, IStorage** out);
     void createUwpLocalStorageClient(IStorage** out);
 
 private:

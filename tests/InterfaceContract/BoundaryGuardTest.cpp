@@ -84,10 +84,11 @@ TEST(BoundaryGuard, EachThreadReadsItsOwnMessage) {
 TEST(ErrorReport, NamesFileQualifiedFunctionLineAndMessage) {
     int line = 0;
     const std::string report = Reports::raiseHere(&line);
-    EXPECT_EQ(report, "Exception:\n\tfile: tests/InterfaceContract/BoundaryGuardTest.cpp\n"
-                      "\tfunction: Quorvendale::InterfaceContract::Reports::raiseHere\n"
-                      "\tline: " + std::to_string(line) +
-                      "\n\tmessage: Failed to connect to tcp server");
+    EXPECT_EQ(report,
+              "Exception:\n\tfile: tests/InterfaceContract/BoundaryGuardTest.cpp\n"
+              "\tfunction: Quorvendale::InterfaceContract::Reports::raiseHere\n"
+              "\tline: " +
+                  std::to_string(line) + "\n\tmessage: Failed to connect to tcp server");
 }
 
 TEST(ErrorReport, QualifiedNameDropsReturnTypeParametersAndQualifiers) {

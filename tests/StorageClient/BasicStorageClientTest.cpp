@@ -25,8 +25,7 @@ public:
         failIfAsked();
         return entries.at({group, key});
     }
-    void write(const std::string& group, const std::string& key,
-               const std::string& data) override {
+    void write(const std::string& group, const std::string& key, const std::string& data) override {
         failIfAsked();
         entries[{group, key}] = data;
     }
@@ -86,9 +85,9 @@ TEST_F(BasicStorageClientTest, ArrayOutCopiesExactlyWhatTheMethodReturned) {
     EXPECT_EQ(out.bytes, data);
 
     ArrayOut last;
-    ASSERT_EQ(storage_->table->next(storage_, group.data(), 3, key.data(), 2, &last,
-                                    &ArrayOut::allocate),
-              QV_S_OK);
+    ASSERT_EQ(
+        storage_->table->next(storage_, group.data(), 3, key.data(), 2, &last, &ArrayOut::allocate),
+        QV_S_OK);
     EXPECT_EQ(last.calls, 1);
     EXPECT_EQ(last.bytes, "");
 

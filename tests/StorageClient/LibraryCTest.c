@@ -10,12 +10,12 @@
 
 static int failures;
 
-#define CHECK(condition)                                                               \
-    do {                                                                               \
-        if (!(condition)) {                                                            \
+#define CHECK(condition)                                                                  \
+    do {                                                                                  \
+        if (!(condition)) {                                                               \
             fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                                \
-        }                                                                              \
+            ++failures;                                                                   \
+        }                                                                                 \
     } while (0)
 
 /* A loader handle of the caller's own, counting the releases it receives. */

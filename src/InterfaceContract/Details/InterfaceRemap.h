@@ -11,9 +11,9 @@
 
 #include <cstdint>
 
-#include "RemapPatch.h"
 #include "InterfaceContract/BoundaryGuard.h"
 #include "InterfaceContract/Marshalling.h"
+#include "RemapPatch.h"
 
 namespace Quorvendale::InterfaceContract::Details {
 
