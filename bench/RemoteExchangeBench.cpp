@@ -26,9 +26,9 @@ namespace {
 using namespace Quorvendale;
 using namespace std::string_literals;
 
-constexpr std::uint32_t kLoopback = 0x0100007F;
-const std::string kRequestFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
-const std::string kResponseFrame = "\x03\0\0\0\0\0\0\0\x00\x01\x00"s;
+constexpr std::uint32_t loopback = 0x0100007F;
+const std::string requestFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
+const std::string responseFrame = "\x03\0\0\0\0\0\0\0\x00\x01\x00"s;
 
 bool receiveExactly(int fd, char* buffer, std::size_t length) {
     while (length > 0) {
@@ -47,7 +47,7 @@ public:
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
-        address.sin_addr.s_addr = kLoopback;
+        address.sin_addr.s_addr = loopback;
         socklen_t size = sizeof address;
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), size) < 0 ||
             ::listen(listener_, 64) < 0 ||
@@ -76,7 +76,7 @@ private:
             std::string body(5, '\0');
             if (receiveExactly(connection, header, 8) &&
                 receiveExactly(connection, body.data(), body.size())) {
-                ::send(connection, kResponseFrame.data(), kResponseFrame.size(), MSG_NOSIGNAL);
+                ::send(connection, responseFrame.data(), responseFrame.size(), MSG_NOSIGNAL);
             }
             ::close(connection);
         }
@@ -92,15 +92,15 @@ Server* server = nullptr;
 void RawExchange(benchmark::State& state) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = kLoopback;
+    address.sin_addr.s_addr = loopback;
     address.sin_port = htons(server->port);
     for (auto _ : state) {
         const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
         if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
             state.SkipWithError("connect failed");
         }
-        ::send(fd, kRequestFrame.data(), 8, MSG_NOSIGNAL);
-        ::send(fd, kRequestFrame.data() + 8, 5, MSG_NOSIGNAL);
+        ::send(fd, requestFrame.data(), 8, MSG_NOSIGNAL);
+        ::send(fd, requestFrame.data() + 8, 5, MSG_NOSIGNAL);
         char response[11];
         if (!receiveExactly(fd, response, 8) || !receiveExactly(fd, response + 8, 3)) {
             state.SkipWithError("no response");
@@ -113,9 +113,9 @@ void RawExchange(benchmark::State& state) {
 void RemoteExchange(benchmark::State& state) {
     const StorageClient::RemoteRequest exists{StorageClient::RemoteCommand::Exists, "", "", ""};
     for (auto _ : state) {
-        Networking::Socket socket(Networking::InterNetwork, Networking::kSocketTypeStream,
-                                  Networking::kProtocolTcp);
-        if (!socket.connect(Networking::IPAddress(kLoopback), server->port, 3000)) {
+        Networking::Socket socket(Networking::InterNetwork, Networking::socketTypeStream,
+                                  Networking::protocolTcp);
+        if (!socket.connect(Networking::IPAddress(loopback), server->port, 3000)) {
             state.SkipWithError("connect failed");
         }
         benchmark::DoNotOptimize(StorageClient::RemoteStorageClient::sendMessage(socket, exists));

@@ -14,7 +14,7 @@ class SocketPrivate;
 // numbers (SocketError.h) on every platform. Sends never raise SIGPIPE.
 class Socket {
 public:
-    // A new socket (for TCP: InterNetwork, kSocketTypeStream, kProtocolTcp).
+    // A new socket (for TCP: InterNetwork, socketTypeStream, protocolTcp).
     // Throws std::runtime_error "Failed to create socket".
     Socket(std::int32_t family, std::int32_t type, std::int32_t protocol);
     Socket(const Socket&) = delete;

@@ -32,7 +32,7 @@ int descriptor(SocketHandle handle) { return static_cast<int>(handle); }
 // to Windows, not "in progress"; Windows knows no descriptor numbers, so a
 // closed handle is no socket; EPIPE is a write to a connection the peer
 // dropped.
-constexpr std::pair<int, std::int32_t> kTranslations[] = {
+constexpr std::pair<int, std::int32_t> translations[] = {
     {EINTR, WSAEINTR},
     {EACCES, WSAEACCES},
     {EPERM, WSAEACCES},
@@ -72,7 +72,7 @@ constexpr std::pair<int, std::int32_t> kTranslations[] = {
 
 // The one place where errno becomes a socket error number.
 std::int32_t translate(int error) {
-    for (const auto& [system, windows] : kTranslations) {
+    for (const auto& [system, windows] : translations) {
         if (system == error) return windows;
     }
     return WSASYSCALLFAILURE;

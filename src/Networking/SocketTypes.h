@@ -14,7 +14,7 @@ enum AddressFamily : std::uint32_t {
     InterNetworkV6 = 23,  // IPv6
 };
 
-inline constexpr std::int32_t kSocketTypeStream = 1;
-inline constexpr std::int32_t kProtocolTcp = 6;
+inline constexpr std::int32_t socketTypeStream = 1;
+inline constexpr std::int32_t protocolTcp = 6;
 
 }  // namespace Quorvendale::Networking

@@ -22,7 +22,7 @@ bool TcpClient::connect(const char* hostname, std::uint32_t port,
     }
     if (!socket_) {
         socket_ = std::make_unique<Socket>(static_cast<std::int32_t>(address.family()),
-                                           kSocketTypeStream, kProtocolTcp);
+                                           socketTypeStream, protocolTcp);
     }
     if (!socket_->connect(address, port, timeoutMilliseconds)) return false;
     family_ = address.family();

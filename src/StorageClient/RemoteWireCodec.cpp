@@ -5,7 +5,7 @@
 namespace Quorvendale::StorageClient {
 namespace {
 
-constexpr std::uint64_t kFormatVersion = 0;
+constexpr std::uint64_t formatVersion = 0;
 
 void appendString(std::string& out, const std::string& text) {
     appendVarint(out, text.size());
@@ -18,15 +18,15 @@ void appendString(std::string& out, const std::string& text) {
 
 }  // namespace
 
-std::array<char, kFrameLengthSize> encodeFrameLength(std::uint64_t length) noexcept {
-    std::array<char, kFrameLengthSize> bytes;
+std::array<char, frameLengthSize> encodeFrameLength(std::uint64_t length) noexcept {
+    std::array<char, frameLengthSize> bytes;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         bytes[i] = static_cast<char>(length >> (8 * i));
     }
     return bytes;
 }
 
-std::uint64_t decodeFrameLength(const std::array<char, kFrameLengthSize>& bytes) noexcept {
+std::uint64_t decodeFrameLength(const std::array<char, frameLengthSize>& bytes) noexcept {
     std::uint64_t length = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         length |= std::uint64_t{static_cast<std::uint8_t>(bytes[i])} << (8 * i);
@@ -60,7 +60,7 @@ std::uint64_t readVarint(std::string_view bytes, std::size_t& position) {
 std::string encodeRequest(const RemoteRequest& request) {
     std::string body;
     body.reserve(8 + request.group.size() + request.key.size() + request.data.size() + 3 * 10);
-    appendVarint(body, kFormatVersion);
+    appendVarint(body, formatVersion);
     body += static_cast<char>(request.command);
     appendString(body, request.group);
     appendString(body, request.key);
@@ -70,7 +70,7 @@ std::string encodeRequest(const RemoteRequest& request) {
 
 RemoteResponse decodeResponse(std::string_view body) {
     std::size_t position = 0;
-    if (readVarint(body, position) != kFormatVersion) {
+    if (readVarint(body, position) != formatVersion) {
         throw std::runtime_error("need VersionConverter implementation");
     }
     if (position >= body.size()) throwTruncated();

@@ -36,16 +36,16 @@ struct RemoteRequest {
 };
 
 struct RemoteResponse {
-    static constexpr std::uint8_t kSuccess = 1;
+    static constexpr std::uint8_t successStatus = 1;
 
     std::uint8_t status = 0;
     std::string payload;
 };
 
-inline constexpr std::size_t kFrameLengthSize = 8;
+inline constexpr std::size_t frameLengthSize = 8;
 
-std::array<char, kFrameLengthSize> encodeFrameLength(std::uint64_t length) noexcept;
-std::uint64_t decodeFrameLength(const std::array<char, kFrameLengthSize>& bytes) noexcept;
+std::array<char, frameLengthSize> encodeFrameLength(std::uint64_t length) noexcept;
+std::uint64_t decodeFrameLength(const std::array<char, frameLengthSize>& bytes) noexcept;
 
 void appendVarint(std::string& out, std::uint64_t value);
 

@@ -21,8 +21,8 @@ using Server = Testing::LoopbackServer;
 
 // A blocking socket connected to `server`.
 std::unique_ptr<Socket> connectedTo(const Server& server) {
-    auto socket = std::make_unique<Socket>(InterNetwork, kSocketTypeStream, kProtocolTcp);
-    if (!socket->connect(IPAddress(Testing::kLoopback), server.port(), 3000)) {
+    auto socket = std::make_unique<Socket>(InterNetwork, socketTypeStream, protocolTcp);
+    if (!socket->connect(IPAddress(Testing::loopback), server.port(), 3000)) {
         throw std::logic_error("loopback server unreachable");
     }
     socket->setBlocking(true);
@@ -78,19 +78,19 @@ TEST(SocketTest, SendToAVanishedPeerIsAnErrorNotSigpipe) {
 TEST(SocketTest, RefusedConnectReturnsFalse) {
     // A port bound without listening refuses, and stays ours meanwhile.
     const int bound = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, 0, {Testing::kLoopback}, {}};
+    sockaddr_in address{AF_INET, 0, {Testing::loopback}, {}};
     socklen_t size = sizeof address;
     ASSERT_EQ(::bind(bound, reinterpret_cast<sockaddr*>(&address), size), 0);
     ASSERT_EQ(::getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size), 0);
 
-    Socket socket(InterNetwork, kSocketTypeStream, kProtocolTcp);
-    EXPECT_FALSE(socket.connect(IPAddress(Testing::kLoopback), ntohs(address.sin_port), 3000));
+    Socket socket(InterNetwork, socketTypeStream, protocolTcp);
+    EXPECT_FALSE(socket.connect(IPAddress(Testing::loopback), ntohs(address.sin_port), 3000));
     EXPECT_FALSE(socket.connected());
     ::close(bound);
 }
 
 TEST(SocketTest, WrappedHandlesAreClosedWithTheirOwnerEvenIfAlreadyClosed) {
-    SocketPrivate creator(InterNetwork, kSocketTypeStream, kProtocolTcp);
+    SocketPrivate creator(InterNetwork, socketTypeStream, protocolTcp);
     EXPECT_THROW(creator.createFromHandle(INVALID_SOCKET), NetworkException);
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);

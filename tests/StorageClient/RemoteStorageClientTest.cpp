@@ -19,12 +19,12 @@ using Testing::frame;
 using Testing::LoopbackServer;
 using Testing::responseBody;
 
-const std::string kExistsFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
+const std::string existsFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
 
 RemoteResponse exchange(const LoopbackServer& server, const RemoteRequest& request) {
-    Networking::Socket socket(Networking::InterNetwork, Networking::kSocketTypeStream,
-                              Networking::kProtocolTcp);
-    if (!socket.connect(Networking::IPAddress(Testing::kLoopback), server.port(), 3000)) {
+    Networking::Socket socket(Networking::InterNetwork, Networking::socketTypeStream,
+                              Networking::protocolTcp);
+    if (!socket.connect(Networking::IPAddress(Testing::loopback), server.port(), 3000)) {
         throw std::logic_error("loopback server unreachable");
     }
     return RemoteStorageClient::sendMessage(socket, request);
@@ -73,7 +73,7 @@ TEST(RemoteExchangeTest, RequestsGoOutAsExactFrames) {
     EXPECT_EQ(response.payload, "done");
     exchange(server, {RemoteCommand::Write, "g", "k", ""});
     EXPECT_EQ(server.received(),
-              (std::vector{kExistsFrame, "\x07\0\0\0\0\0\0\0\x00\x01\x01g\x01k\x00"s}));
+              (std::vector{existsFrame, "\x07\0\0\0\0\0\0\0\x00\x01\x01g\x01k\x00"s}));
 }
 
 // Closing before answering, inside the length, halfway through the body; a
@@ -105,14 +105,14 @@ TEST(RemoteStorageClientTest, ReadProbesExistenceOnItsOwnConnectionFirst) {
     LoopbackStorageClient client(server);
     EXPECT_EQ(client.read("g", "k"), "value");
     EXPECT_EQ(server.received(),
-              (std::vector{kExistsFrame, "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s}));
+              (std::vector{existsFrame, "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s}));
 }
 
 TEST(RemoteStorageClientTest, ReadOfAStoreThatIsNotServingSendsNoReadRequest) {
     LoopbackServer server({{frame(responseBody(0, "down"))}, {frame(responseBody(1, "value"))}});
     LoopbackStorageClient client(server);
     EXPECT_EQ(client.read("g", "k"), "");
-    EXPECT_EQ(server.received(), std::vector{kExistsFrame});
+    EXPECT_EQ(server.received(), std::vector{existsFrame});
 }
 
 TEST(RemoteStorageClientTest, FailedStatusIsAReportWithTheServersTextButExistsIsFalse) {

@@ -24,7 +24,7 @@
 namespace Quorvendale::Testing {
 
 // 127.0.0.1 as it lies in a socket address.
-inline constexpr std::uint32_t kLoopback = 0x0100007F;
+inline constexpr std::uint32_t loopback = 0x0100007F;
 
 // An 8-byte little-endian length (the body's own unless told otherwise), then the body.
 inline std::string frame(const std::string& body, std::uint64_t length) {
@@ -48,7 +48,7 @@ public:
     };
 
     explicit LoopbackServer(std::vector<Answer> answers) : answers_(std::move(answers)) {
-        sockaddr_in address{AF_INET, 0, {kLoopback}, {}};
+        sockaddr_in address{AF_INET, 0, {loopback}, {}};
         socklen_t size = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
         if (::bind(listener_, generic, size) < 0 || ::listen(listener_, 8) < 0 ||
