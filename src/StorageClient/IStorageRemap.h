@@ -4,6 +4,8 @@
 // Nothing is written to the caller's outputs when the method throws.
 #pragma once
 
+#include <string>
+
 #include "InterfaceContract/Details/InterfaceRemap.h"
 #include "Quorvendale/IStorage.h"
 
@@ -19,13 +21,17 @@ struct InterfaceRemap<StorageClient::IStorage, Impl, Ctl> : InterfaceRemap<IInte
         return InterfaceRemap::template ownerOf<InterfaceRemap>(self);
     }
 
-    static ResultCode QV_CALL read(Interface* self, const char* group, std::uint32_t groupLength,
-                                   const char* key, std::uint32_t keyLength, void* context,
-                                   ArrayOutAllocate allocate) noexcept {
+    // read and next: (group, key) in, the method's bytes out through the
+    // caller's marshaller. A pointer to the virtual method still dispatches to
+    // the most-derived override.
+    template <std::string (Impl::*method)(const std::string&, const std::string&)>
+    static ResultCode QV_CALL lookup(Interface* self, const char* group, std::uint32_t groupLength,
+                                     const char* key, std::uint32_t keyLength, void* context,
+                                     ArrayOutAllocate allocate) noexcept {
         return guard([&] {
             requireOut(allocate, "array-out allocation callback");
             copyOut(context, allocate,
-                    client(self)->read(copyIn(group, groupLength), copyIn(key, keyLength)));
+                    (client(self)->*method)(copyIn(group, groupLength), copyIn(key, keyLength)));
         });
     }
 
@@ -44,16 +50,6 @@ struct InterfaceRemap<StorageClient::IStorage, Impl, Ctl> : InterfaceRemap<IInte
             [&] { client(self)->remove(copyIn(group, groupLength), copyIn(key, keyLength)); });
     }
 
-    static ResultCode QV_CALL next(Interface* self, const char* group, std::uint32_t groupLength,
-                                   const char* key, std::uint32_t keyLength, void* context,
-                                   ArrayOutAllocate allocate) noexcept {
-        return guard([&] {
-            requireOut(allocate, "array-out allocation callback");
-            copyOut(context, allocate,
-                    client(self)->next(copyIn(group, groupLength), copyIn(key, keyLength)));
-        });
-    }
-
     static ResultCode QV_CALL exists(Interface* self, std::uint32_t* result) noexcept {
         return guard([&] {
             requireOut(result, "exists result");
@@ -67,10 +63,10 @@ const StorageClient::IStorageTable InterfaceRemap<StorageClient::IStorage, Impl,
     &InterfaceRemap::template queryInterface<InterfaceRemap, Interface>,
     &InterfaceRemap::template addRef<InterfaceRemap, Interface>,
     &InterfaceRemap::template release<InterfaceRemap, Interface>,
-    &InterfaceRemap::read,
+    &InterfaceRemap::template lookup<&Impl::read>,
     &InterfaceRemap::write,
     &InterfaceRemap::remove,
-    &InterfaceRemap::next,
+    &InterfaceRemap::template lookup<&Impl::next>,
     &InterfaceRemap::exists,
 };
 
