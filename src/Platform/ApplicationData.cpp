@@ -68,9 +68,21 @@ ApplicationData ApplicationData::Current() {
 }
 
 StorageFolder ApplicationData::LocalFolder() const {
-    const std::string path = dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState";
-    ensureFolderOnce(path);
-    return StorageFolder(hstring(utf8ToUtf16(path)));
+    // The store asks for its root in every operation, and the data home and
+    // package behind it hardly ever change: a thread that finds both as on its
+    // last call reuses that call's folder, already made and converted.
+    thread_local std::string lastDataHome;
+    thread_local std::string lastPackage;
+    thread_local hstring lastFolder;
+    std::string home = dataHome();
+    if (lastFolder.empty() || home != lastDataHome || packageFamilyName_ != lastPackage) {
+        const std::string path = home + "/Packages/" + packageFamilyName_ + "/LocalState";
+        ensureFolderOnce(path);
+        lastFolder = hstring(utf8ToUtf16(path));
+        lastDataHome = std::move(home);
+        lastPackage = packageFamilyName_;
+    }
+    return StorageFolder(lastFolder);
 }
 
 }  // namespace Quorvendale::Platform

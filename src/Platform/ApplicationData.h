@@ -21,7 +21,7 @@ public:
     explicit StorageFolder(hstring path) : path_(std::move(path)) {}
 
     // The folder's full path, without a trailing separator.
-    hstring Path() const { return path_; }
+    const hstring& Path() const { return path_; }
 
 private:
     hstring path_;
