@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
-#include <set>
+#include <map>
 #include <string>
 #include <system_error>
 
@@ -40,23 +40,26 @@ bool isFolder(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Makes the folder once per path and process. The store asks for its root
-// several times in every operation, and a package's folder, like the
-// platform's, does not go away while its application runs.
-void ensureFolderOnce(const std::string& path) {
+// Makes the folder once per path and process, and gives it in UTF-16. The
+// store asks for its root twice in every operation, and a package's folder,
+// like the platform's, does not go away while its application runs: a path
+// seen before is neither checked nor converted again.
+hstring madeFolder(const std::string& path) {
     static std::mutex mutex;
-    static std::set<std::string> made;
+    static std::map<std::string, hstring, std::less<>> made;
     {
         const std::lock_guard lock(mutex);
-        if (made.contains(path)) return;
+        if (const auto found = made.find(path); found != made.end()) return found->second;
     }
     if (!isFolder(path)) {
         std::error_code error;
         std::filesystem::create_directories(path, error);
         if (error) failLocalFolder(path + ": " + error.message());
     }
+    hstring folder(utf8ToUtf16(path));
     const std::lock_guard lock(mutex);
-    made.insert(path);
+    made.emplace(path, folder);
+    return folder;
 }
 
 }  // namespace
@@ -68,9 +71,7 @@ ApplicationData ApplicationData::Current() {
 }
 
 StorageFolder ApplicationData::LocalFolder() const {
-    const std::string path = dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState";
-    ensureFolderOnce(path);
-    return StorageFolder(hstring(utf8ToUtf16(path)));
+    return StorageFolder(madeFolder(dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState"));
 }
 
 }  // namespace Quorvendale::Platform

@@ -108,13 +108,13 @@ std::u16string utf8ToUtf16(std::string_view text) {
 }
 
 std::string utf16ToUtf8(std::u16string_view text) {
-    text = text.substr(0, text.find(u'\0'));
     // At most three bytes per UTF-16 unit; a pair of two units takes four.
     std::string result(3 * text.size(), '\0');
     char* out = result.data();
     for (std::size_t at = 0; at < text.size(); ++at) {
         const char16_t unit = text[at];
         if (unit < 0x80) {
+            if (unit == 0) break;  // the text ends at its first zero
             *out++ = static_cast<char>(unit);
         } else if (isHighSurrogate(unit) && at + 1 < text.size() && isLowSurrogate(text[at + 1])) {
             out = appendUtf8(out,

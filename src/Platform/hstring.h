@@ -21,7 +21,8 @@ public:
     std::size_t size() const noexcept { return text_.size(); }
     bool empty() const noexcept { return text_.empty(); }
     operator std::u16string_view() const noexcept { return text_; }
-    const std::u16string& str() const noexcept { return text_; }
+    const std::u16string& str() const& noexcept { return text_; }
+    std::u16string str() && noexcept { return std::move(text_); }
 
     friend bool operator==(const hstring&, const hstring&) = default;
     friend auto operator<=>(const hstring&, const hstring&) = default;

@@ -21,7 +21,13 @@ const std::u16string defaultFileName = u".default";
 }  // namespace
 
 std::u16string BasicStorage::groupFolder(std::string_view group) {
-    return getRootFolder() + FileSystem::separator + utf8ToUtf16(group) + FileSystem::separator;
+    std::u16string folder = getRootFolder();
+    const std::u16string name = utf8ToUtf16(group);
+    folder.reserve(folder.size() + name.size() + 2);
+    folder += FileSystem::separator;
+    folder += name;
+    folder += FileSystem::separator;
+    return folder;
 }
 
 std::u16string BasicStorage::getFilePath(std::string_view group, std::string_view key) {
