@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 #include <map>
+#include <mutex>
 #include <string>
 #include <system_error>
 
@@ -71,7 +71,8 @@ ApplicationData ApplicationData::Current() {
 }
 
 StorageFolder ApplicationData::LocalFolder() const {
-    return StorageFolder(madeFolder(dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState"));
+    return StorageFolder(
+        madeFolder(dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState"));
 }
 
 }  // namespace Quorvendale::Platform

@@ -18,7 +18,7 @@
 namespace Quorvendale::Storage {
 
 class StorageService final : public Platform::IBackgroundTask {
-  public:
+public:
     Platform::hstring GetRuntimeClassName() const override;
     void Run(const Platform::com_ptr<Platform::IBackgroundTaskInstance>& taskInstance) override;
 
@@ -27,7 +27,7 @@ class StorageService final : public Platform::IBackgroundTask {
     void onRequestReceived(const Platform::AppServiceConnection& sender,
                            const Platform::AppServiceRequestReceivedEventArgs& args);
 
-  private:
+private:
     Platform::Module::LiveObject live_{libraryModule()};
     Platform::BackgroundTaskDeferral backgroundTaskDeferral;
     Platform::AppServiceConnection appServiceConnection;

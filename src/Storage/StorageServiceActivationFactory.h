@@ -12,12 +12,12 @@ namespace Quorvendale::Storage {
 Platform::Module& libraryModule();
 
 class __StorageServiceActivationFactory final : public Platform::IActivationFactory {
-  public:
+public:
     Platform::hstring GetRuntimeClassName() const override;
     // A new StorageService on every call.
     Platform::com_ptr<Platform::IInspectable> ActivateInstance() override;
 
-  private:
+private:
     Platform::Module::LiveObject live_{libraryModule()};
 };
 

@@ -55,7 +55,7 @@ com_ptr<IActivationFactory> factoryOf(const hstring& classId, HRESULT expected =
 using Reply = std::pair<std::string, std::string>;  // status, response
 
 class StorageServiceTest : public testing::Test {
-  protected:
+protected:
     StorageServiceTest() {
         int ends[2];
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
