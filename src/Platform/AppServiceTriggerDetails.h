@@ -2,7 +2,7 @@
 #pragma once
 
 #include "AppServiceConnection.h"
-#include "IInspectable.h"
+#include "RuntimeObject.h"
 
 namespace Quorvendale::Platform {
 

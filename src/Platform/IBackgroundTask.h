@@ -7,7 +7,7 @@
 #include <functional>
 #include <memory>
 
-#include "IInspectable.h"
+#include "RuntimeObject.h"
 #include "event.h"
 
 namespace Quorvendale::Platform {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "IInspectable.h"
+#include "RuntimeObject.h"
 
 namespace Quorvendale::Platform {
 

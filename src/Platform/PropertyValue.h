@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "IInspectable.h"
+#include "RuntimeObject.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,4 +1,4 @@
-#include "IInspectable.h"
+#include "RuntimeObject.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,7 +1,7 @@
-// IInspectable: the root of every runtime object, and com_ptr, the owning
-// pointer that holds one. Objects are reference counted in the object itself,
-// as the platform's are, so a reference can cross a plain function boundary
-// (DllGetActivationFactory hands one out through a raw out-pointer).
+// The runtime's object model. IInspectable: the root of every runtime object, and com_ptr, the
+// owning pointer that holds one. Objects are reference counted in the object itself, as the
+// platform's are, so a reference can cross a plain function boundary (DllGetActivationFactory hands
+// one out through a raw out-pointer).
 #pragma once
 
 #include <atomic>
