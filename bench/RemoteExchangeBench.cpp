@@ -20,13 +20,14 @@
 
 #include "Networking/Socket.h"
 #include "StorageClient/RemoteStorageClient.h"
+#include "Support/LoopbackServer.h"
 
 namespace {
 
 using namespace Quorvendale;
 using namespace std::string_literals;
 
-constexpr std::uint32_t loopback = 0x0100007F;
+using Testing::loopback;
 const std::string requestFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
 const std::string responseFrame = "\x03\0\0\0\0\0\0\0\x00\x01\x00"s;
 
@@ -44,17 +45,9 @@ bool receiveExactly(int fd, char* buffer, std::size_t length) {
 class Server {
 public:
     Server() {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = loopback;
-        socklen_t size = sizeof address;
-        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), size) < 0 ||
-            ::listen(listener_, 64) < 0 ||
-            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) < 0) {
-            throw std::runtime_error("bench server cannot listen");
-        }
-        port = ntohs(address.sin_port);
+        const Testing::LoopbackListener listener = Testing::listenOnLoopback(64);
+        listener_ = listener.descriptor;
+        port = listener.port;
         thread_ = std::thread([this] { serve(); });
     }
     ~Server() {

@@ -26,6 +26,24 @@ namespace Quorvendale::Testing {
 // 127.0.0.1 as it lies in a socket address.
 inline constexpr std::uint32_t loopback = 0x0100007F;
 
+// A listening TCP socket on 127.0.0.1 at an ephemeral port, and that port.
+struct LoopbackListener {
+    int descriptor;
+    std::uint16_t port;
+};
+
+inline LoopbackListener listenOnLoopback(int backlog) {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{AF_INET, 0, {loopback}, {}};
+    socklen_t size = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    if (descriptor < 0 || ::bind(descriptor, generic, size) < 0 ||
+        ::listen(descriptor, backlog) < 0 || ::getsockname(descriptor, generic, &size) < 0) {
+        throw std::runtime_error("cannot listen on 127.0.0.1");
+    }
+    return {descriptor, ntohs(address.sin_port)};
+}
+
 // An 8-byte little-endian length (the body's own unless told otherwise), then the body.
 inline std::string frame(const std::string& body, std::uint64_t length) {
     std::string bytes;
@@ -47,25 +65,18 @@ public:
         bool holdOpen = false;  // instead of closing, wait for the client to close
     };
 
-    explicit LoopbackServer(std::vector<Answer> answers) : answers_(std::move(answers)) {
-        sockaddr_in address{AF_INET, 0, {loopback}, {}};
-        socklen_t size = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        if (::bind(listener_, generic, size) < 0 || ::listen(listener_, 8) < 0 ||
-            ::getsockname(listener_, generic, &size) < 0) {
-            throw std::runtime_error("loopback server cannot listen");
-        }
-        port_ = ntohs(address.sin_port);
+    explicit LoopbackServer(std::vector<Answer> answers)
+        : answers_(std::move(answers)), listener_(listenOnLoopback(8)) {
         thread_ = std::thread([this] { serve(); });
     }
 
     ~LoopbackServer() {
         stop_ = true;
         thread_.join();
-        ::close(listener_);
+        ::close(listener_.descriptor);
     }
 
-    std::uint16_t port() const { return port_; }
+    std::uint16_t port() const { return listener_.port; }
 
     std::vector<std::string> received() const {
         std::lock_guard lock(mutex_);
@@ -86,8 +97,8 @@ private:
 
     void serve() {
         for (const Answer& answer : answers_) {
-            if (!waitFor(listener_)) return;
-            const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (!waitFor(listener_.descriptor)) return;
+            const int connection = ::accept4(listener_.descriptor, nullptr, nullptr, SOCK_CLOEXEC);
             const int on = 1;
             ::setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             {
@@ -123,8 +134,7 @@ private:
     }
 
     const std::vector<Answer> answers_;
-    const int listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    std::uint16_t port_ = 0;
+    const LoopbackListener listener_;
     std::atomic<bool> stop_{false};
     mutable std::mutex mutex_;
     std::vector<std::string> received_;
