@@ -1,6 +1,9 @@
 #include "TextConversion.h"
 
+#include <bit>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 namespace Quorvendale::Platform {
 
@@ -51,10 +54,10 @@ Decoded decodeUtf8(std::string_view text, std::size_t at) {
     return {codePoint, length};
 }
 
-// The appenders write through a pointer into output sized for the worst
-// case, which is trimmed once at the end: paths pass through here several
-// times in every store operation.
-char16_t* appendUtf16(char16_t* out, char32_t codePoint) {
+// The writers put a code point through a pointer into output sized for the
+// worst case and left uninitialised, which is trimmed once at the end: paths
+// pass through here several times in every store operation.
+char16_t* writeUtf16(char16_t* out, char32_t codePoint) {
     if (codePoint < 0x10000) {
         *out++ = static_cast<char16_t>(codePoint);
         return out;
@@ -65,7 +68,7 @@ char16_t* appendUtf16(char16_t* out, char32_t codePoint) {
     return out;
 }
 
-char* appendUtf8(char* out, char32_t codePoint) {
+char* writeUtf8(char* out, char32_t codePoint) {
     if (codePoint < 0x80) {
         *out++ = static_cast<char>(codePoint);
     } else if (codePoint < 0x800) {
@@ -84,48 +87,80 @@ char* appendUtf8(char* out, char32_t codePoint) {
     return out;
 }
 
+// Units 1 to 0x7F, nearly all of every path, are converted four at a time
+// in one 64-bit word: writes them as bytes when all four are such units.
+// A unit u passes exactly when neither u nor u - 1 has a bit above 0x7F; a
+// zero unit, the only one whose u - 1 borrows from the next, fails itself.
+bool narrowAscii(const char16_t* units, char* out) {
+    if constexpr (std::endian::native != std::endian::little) return false;
+    std::uint64_t word;
+    std::memcpy(&word, units, sizeof word);
+    if (((word | (word - 0x0001000100010001)) & 0xFF80FF80FF80FF80) != 0) return false;
+    const auto bytes = static_cast<std::uint32_t>((word & 0xFF) | ((word >> 8) & 0xFF00) |
+                                                  ((word >> 16) & 0xFF0000) |
+                                                  ((word >> 24) & 0xFF000000));
+    std::memcpy(out, &bytes, sizeof bytes);
+    return true;
+}
+
 bool isHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 bool isLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 
 }  // namespace
 
-std::u16string utf8ToUtf16(std::string_view text) {
+void appendUtf16(std::u16string& to, std::string_view text) {
     text = text.substr(0, text.find('\0'));
+    const std::size_t kept = to.size();
     // Never more UTF-16 units than UTF-8 bytes.
-    std::u16string result(text.size(), u'\0');
-    char16_t* out = result.data();
-    for (std::size_t at = 0; at < text.size();) {
-        if (static_cast<unsigned char>(text[at]) < 0x80) {
-            *out++ = static_cast<char16_t>(text[at++]);
-            continue;
+    to.resize_and_overwrite(kept + text.size(), [&](char16_t* begin, std::size_t) {
+        char16_t* out = begin + kept;
+        for (std::size_t at = 0; at < text.size();) {
+            if (static_cast<unsigned char>(text[at]) < 0x80) {
+                *out++ = static_cast<char16_t>(text[at++]);
+                continue;
+            }
+            const Decoded decoded = decodeUtf8(text, at);
+            out = writeUtf16(out, decoded.codePoint);
+            at += decoded.length;
         }
-        const Decoded decoded = decodeUtf8(text, at);
-        out = appendUtf16(out, decoded.codePoint);
-        at += decoded.length;
-    }
-    result.resize(static_cast<std::size_t>(out - result.data()));
+        return static_cast<std::size_t>(out - begin);
+    });
+}
+
+std::u16string utf8ToUtf16(std::string_view text) {
+    std::u16string result;
+    appendUtf16(result, text);
     return result;
 }
 
-std::string utf16ToUtf8(std::u16string_view text) {
-    // At most three bytes per UTF-16 unit; a pair of two units takes four.
-    std::string result(3 * text.size(), '\0');
-    char* out = result.data();
+std::size_t utf16ToUtf8(std::u16string_view text, char* out) {
+    char* const begin = out;
     for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text.size() - at >= 4 && narrowAscii(&text[at], out)) {
+            out += 4;
+            at += 3;
+            continue;
+        }
         const char16_t unit = text[at];
         if (unit < 0x80) {
             if (unit == 0) break;  // the text ends at its first zero
             *out++ = static_cast<char>(unit);
         } else if (isHighSurrogate(unit) && at + 1 < text.size() && isLowSurrogate(text[at + 1])) {
-            out = appendUtf8(out,
-                             0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
+            out = writeUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
         } else if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
-            out = appendUtf8(out, replacementCharacter);
+            out = writeUtf8(out, replacementCharacter);
         } else {
-            out = appendUtf8(out, unit);
+            out = writeUtf8(out, unit);
         }
     }
-    result.resize(static_cast<std::size_t>(out - result.data()));
+    return static_cast<std::size_t>(out - begin);
+}
+
+std::string utf16ToUtf8(std::u16string_view text) {
+    std::string result;
+    result.resize_and_overwrite(utf8SizeLimit(text.size()), [&](char* begin, std::size_t) {
+        return utf16ToUtf8(text, begin);
+    });
     return result;
 }
 

@@ -4,6 +4,7 @@
 // result is always well-formed, so converting it back loses nothing more.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -15,8 +16,16 @@ namespace Quorvendale::Platform {
 // continuation byte, a truncated sequence, an overlong form, an encoded
 // surrogate, a value above U+10FFFF) gives one U+FFFD.
 QV_PLATFORM_API std::u16string utf8ToUtf16(std::string_view text);
+// The same, appended to `to`: builds a path in one buffer.
+QV_PLATFORM_API void appendUtf16(std::u16string& to, std::string_view text);
 
 // UTF-16 to UTF-8. An unpaired surrogate gives one U+FFFD.
 QV_PLATFORM_API std::string utf16ToUtf8(std::u16string_view text);
+// The same, written to `out`, which has room for utf8SizeLimit(text.size())
+// bytes; gives the number written. No terminating zero is added.
+QV_PLATFORM_API std::size_t utf16ToUtf8(std::u16string_view text, char* out);
+// The most UTF-8 bytes that `units` UTF-16 units can give: three per unit
+// (a pair of two units takes four).
+constexpr std::size_t utf8SizeLimit(std::size_t units) { return 3 * units; }
 
 }  // namespace Quorvendale::Platform
