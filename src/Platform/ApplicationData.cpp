@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "HResultError.h"
@@ -16,23 +17,35 @@ namespace Quorvendale::Platform {
 
 namespace {
 
-std::string environment(const char* name) {
+std::string_view environment(const char* name) {
     const char* value = std::getenv(name);
-    return value == nullptr ? std::string() : std::string(value);
+    return value == nullptr ? std::string_view() : std::string_view(value);
 }
 
 [[noreturn]] void failLocalFolder(const std::string& why) {
     throw HResultError(E_FAIL, hstring(utf8ToUtf16("The local folder cannot be used: " + why)));
 }
 
-// The base of user data files as the XDG base directory rules define it: a
-// relative XDG_DATA_HOME is ignored, like an unset one.
-std::string dataHome() {
-    const std::string xdgDataHome = environment("XDG_DATA_HOME");
-    if (xdgDataHome.starts_with('/')) return xdgDataHome;
-    const std::string home = environment("HOME");
-    if (home.empty()) failLocalFolder("neither XDG_DATA_HOME nor HOME is set");
-    return home + "/.local/share";
+// <data home>/Packages/<package family name>/LocalState, where the data home
+// is the base of user data files as the XDG base directory rules define it:
+// a relative XDG_DATA_HOME is ignored, like an unset one. Empty when neither
+// variable gives one. Built in one allocation.
+std::string localFolderPath(std::string_view packageFamilyName) {
+    constexpr std::string_view packages = "/Packages/";
+    constexpr std::string_view localState = "/LocalState";
+    constexpr std::string_view underHome = "/.local/share";
+    std::string_view base = environment("XDG_DATA_HOME");
+    std::string_view suffix;
+    if (!base.starts_with('/')) {
+        base = environment("HOME");
+        if (base.empty()) return {};
+        suffix = underHome;
+    }
+    std::string path;
+    path.reserve(base.size() + suffix.size() + packages.size() + packageFamilyName.size() +
+                 localState.size());
+    path.append(base).append(suffix).append(packages).append(packageFamilyName).append(localState);
+    return path;
 }
 
 bool isFolder(const std::string& path) {
@@ -65,14 +78,14 @@ hstring madeFolder(const std::string& path) {
 }  // namespace
 
 ApplicationData ApplicationData::Current() {
-    std::string packageFamilyName = environment("QUORVENDALE_PACKAGE_FAMILY_NAME");
+    const std::string_view packageFamilyName = environment("QUORVENDALE_PACKAGE_FAMILY_NAME");
     if (packageFamilyName.empty()) throw HResultError(APPMODEL_ERROR_NO_PACKAGE);
-    return ApplicationData(std::move(packageFamilyName));
+    return ApplicationData(localFolderPath(packageFamilyName));
 }
 
 StorageFolder ApplicationData::LocalFolder() const {
-    return StorageFolder(
-        madeFolder(dataHome() + "/Packages/" + packageFamilyName_ + "/LocalState"));
+    if (localFolderPath_.empty()) failLocalFolder("neither XDG_DATA_HOME nor HOME is set");
+    return StorageFolder(madeFolder(localFolderPath_));
 }
 
 }  // namespace Quorvendale::Platform

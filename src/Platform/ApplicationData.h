@@ -5,7 +5,7 @@
 // A process's package identity is the environment variable
 // QUORVENDALE_PACKAGE_FAMILY_NAME, which the app-service host sets. The
 // environment is read on every call to Current(), so a process (or a test)
-// that changes it is seen at once.
+// that changes it is seen at once; an ApplicationData keeps what it read.
 #pragma once
 
 #include <string>
@@ -43,10 +43,11 @@ public:
     StorageFolder LocalFolder() const;
 
 private:
-    explicit ApplicationData(std::string packageFamilyName)
-        : packageFamilyName_(std::move(packageFamilyName)) {}
+    explicit ApplicationData(std::string localFolderPath)
+        : localFolderPath_(std::move(localFolderPath)) {}
 
-    std::string packageFamilyName_;
+    // Empty when the environment gives no data home.
+    std::string localFolderPath_;
 };
 
 }  // namespace Quorvendale::Platform
