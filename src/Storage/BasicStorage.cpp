@@ -13,7 +13,7 @@ namespace Quorvendale::Storage {
 namespace {
 
 using Platform::utf16ToUtf8;
-using Platform::utf8ToUtf16;
+using Platform::appendUtf16;
 
 constexpr std::string_view defaultKey = "default";
 const std::u16string defaultFileName = u".default";
@@ -22,10 +22,9 @@ const std::u16string defaultFileName = u".default";
 
 std::u16string BasicStorage::groupFolder(std::string_view group) {
     std::u16string folder = getRootFolder();
-    const std::u16string name = utf8ToUtf16(group);
-    folder.reserve(folder.size() + name.size() + 2);
+    folder.reserve(folder.size() + group.size() + 2);
     folder += FileSystem::separator;
-    folder += name;
+    appendUtf16(folder, group);
     folder += FileSystem::separator;
     return folder;
 }
@@ -38,9 +37,13 @@ std::u16string BasicStorage::getFilePath(std::string_view group, std::string_vie
 // The path of getFilePath, for the operations that have just made the group
 // folder themselves: making sure of it twice would cost a second look-up of
 // the whole path in every operation.
-std::u16string BasicStorage::entryPath(const std::u16string& folder, std::string_view key) {
-    if (key == defaultKey) return folder + utf8ToUtf16(readFile(folder + defaultFileName));
-    return folder + utf8ToUtf16(key);
+std::u16string BasicStorage::entryPath(std::u16string folder, std::string_view key) {
+    if (key == defaultKey) {
+        appendUtf16(folder, readFile(folder + defaultFileName));
+    } else {
+        appendUtf16(folder, key);
+    }
+    return folder;
 }
 
 std::string BasicStorage::readFile(const std::u16string& path) {
@@ -53,11 +56,11 @@ std::string BasicStorage::readFile(const std::u16string& path) {
 
 std::string BasicStorage::read(std::string_view group, std::string_view key) {
     ensureGroupFolder(group);
-    const std::u16string folder = groupFolder(group);
+    std::u16string folder = groupFolder(group);
     // An unset alias reads as empty, while write() of it fails: callers probe
     // "default" without setting it first.
     if (key == defaultKey && !FileSystem::exists(folder + defaultFileName)) return {};
-    return readFile(entryPath(folder, key));
+    return readFile(entryPath(std::move(folder), key));
 }
 
 void BasicStorage::write(std::string_view group, std::string_view key, std::string_view data) {

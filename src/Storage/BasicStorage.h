@@ -7,8 +7,8 @@
 // nothing is escaped or checked, so a "/" or ".." in them reaches the file
 // system unchanged (the process's sandbox, not the store, keeps it inside its
 // folder). A value is the file's whole content, kept in text mode (see
-// FileSystem.h): it comes back unchanged exactly when it holds no byte 0x1A
-// and no CR directly before an LF.
+// TextMode.h): it comes back unchanged exactly when it holds no byte 0x1A,
+// since a CR stored before an LF is read back as it was.
 //
 // In every group the key "default" is an alias: the file ".default" holds the
 // name of the key it stands for, verbatim (a trailing newline is part of the
@@ -72,7 +72,7 @@ protected:
     std::u16string groupFolder(std::string_view group);
 
 private:
-    std::u16string entryPath(const std::u16string& folder, std::string_view key);
+    std::u16string entryPath(std::u16string folder, std::string_view key);
 };
 
 }  // namespace Quorvendale::Storage

@@ -3,10 +3,7 @@
 // platform has one backend file (FileSystemPosix.cpp) beside the portable
 // store.
 //
-// Values are kept in the C runtime's text mode of the platform the store
-// comes from: a line feed is stored as carriage return plus line feed, and on
-// reading a carriage return plus line feed comes back as a line feed and a
-// byte 0x1A ends the content. A lone carriage return is kept both ways.
+// Values are kept in text mode (TextMode.h).
 //
 // Nothing here locks or serialises: files are opened shared, so a read that
 // runs during a write of the same file may see it shortened.
@@ -37,8 +34,9 @@ public:
     static std::optional<std::vector<std::u16string>> listFolder(const std::u16string& path);
 
     // The whole content of a file, read in text mode. Nothing when the path's
-    // status cannot be taken; empty when what is there is no regular file (a
-    // folder, a pipe) or cannot be opened.
+    // status cannot be taken; empty when what is there cannot be opened or is
+    // a folder. Reading never waits: a pipe or a device gives what one read
+    // finds at once when that is under 4 KiB, and nothing otherwise.
     static std::optional<std::string> readText(const std::u16string& path);
 
     // Replaces the whole content of a file, creating it if needed, written in

@@ -11,6 +11,7 @@
 
 #include "Platform/TextConversion.h"
 #include "Storage/FileSystem.h"
+#include "Storage/TextMode.h"
 
 namespace Quorvendale::Storage {
 
@@ -19,14 +20,32 @@ namespace {
 using Platform::utf16ToUtf8;
 using Platform::utf8ToUtf16;
 
-constexpr char carriageReturn = '\r';
-constexpr char lineFeed = '\n';
-constexpr char endOfText = '\x1A';
-
 // Text with line feeds reaches the file through a buffer of at most this
 // size. Large, because every write call to a file also updates its times,
 // which costs more than the copy; only the pages used are ever touched.
 constexpr std::size_t writeChunkSize = 4 * 1024 * 1024;
+
+// A path as the system calls take it: UTF-8 with a terminating zero. Every
+// store operation passes two paths to the system, so those that fit, nearly
+// all, are converted into the object itself instead of the heap.
+class NativePath {
+public:
+    explicit NativePath(std::u16string_view path) {
+        const std::size_t limit = Platform::utf8SizeLimit(path.size()) + 1;
+        char* out = limit <= sizeof(inline_) ? inline_ : (heap_.resize(limit), heap_.data());
+        out[utf16ToUtf8(path, out)] = '\0';
+        text_ = out;
+    }
+    NativePath(const NativePath&) = delete;
+    NativePath& operator=(const NativePath&) = delete;
+
+    const char* c_str() const { return text_; }
+
+private:
+    char inline_[512];
+    std::string heap_;
+    const char* text_;
+};
 
 class FileDescriptor {
 public:
@@ -58,75 +77,77 @@ bool writeAll(int fd, const char* data, std::size_t size) {
     return true;
 }
 
-// Writes data with every LF as CR LF. Data without a line feed goes to the
-// file as it is; other data is copied once, into the buffer that adds the CRs.
-bool writeTextMode(int fd, std::string_view data) {
-    if (data.find(lineFeed) == std::string_view::npos)
-        return writeAll(fd, data.data(), data.size());
-    const std::size_t bufferSize = std::min(writeChunkSize, 2 * data.size());
+// Writes the value in text mode. A value that storing leaves unchanged goes
+// to the file as it is; any other is copied once, into the buffer that adds
+// the carriage returns.
+bool writeTextMode(int fd, std::string_view value) {
+    if (!TextMode::changesOnWrite(value)) return writeAll(fd, value.data(), value.size());
+    const std::size_t bufferSize = std::min(writeChunkSize, TextMode::encodedSizeLimit(value.size()));
     const auto buffer = std::make_unique_for_overwrite<char[]>(bufferSize);
-    std::size_t used = 0;
-    while (!data.empty()) {
-        if (used + 2 > bufferSize) {
-            if (!writeAll(fd, buffer.get(), used)) return false;
-            used = 0;
-        }
-        const std::size_t take = std::min(bufferSize - used - 1, data.size());  // room for a CR
-        const void* found = std::memchr(data.data(), lineFeed, take);
-        const std::size_t run = found ? static_cast<const char*>(found) - data.data() : take;
-        std::memcpy(buffer.get() + used, data.data(), run);
-        used += run;
-        if (found) {
-            buffer[used++] = carriageReturn;
-            buffer[used++] = lineFeed;
-        }
-        data.remove_prefix(found ? run + 1 : run);
+    while (!value.empty()) {
+        const std::size_t used = TextMode::encode(value, buffer.get(), bufferSize);
+        if (!writeAll(fd, buffer.get(), used)) return false;
     }
-    return writeAll(fd, buffer.get(), used);
+    return true;
 }
 
-// The file's bytes as they are. Reads straight into the result, sized from
-// the file's status; a file that grows meanwhile is read to its new end.
-// Only a regular file has content: a folder, a pipe or a device reads as
-// empty, so that no entry can block a read or feed it without end.
-std::string readAll(int fd) {
+// One read, repeated only when a signal interrupts it; 0 when it fails.
+std::size_t readOnce(int fd, char* buffer, std::size_t size) {
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, size);
+        if (got >= 0) return static_cast<std::size_t>(got);
+        if (errno != EINTR) return 0;
+    }
+}
+
+// Reads until `size` bytes are in or a read gives no more. A single read
+// may fall short of a regular file's end (Linux reads at most 2 GiB at once),
+// so only an empty read ends the file.
+std::size_t readUpTo(int fd, char* buffer, std::size_t size) {
+    std::size_t got = 0;
+    while (got < size) {
+        const std::size_t read = readOnce(fd, buffer + got, size - got);
+        if (read == 0) break;
+        got += read;
+    }
+    return got;
+}
+
+// A file larger than the first read, sized from its status so that the rest
+// comes straight into the result; a file that grows meanwhile is read on to
+// its new end. Only a regular file is read on: a device or a pipe
+// that is being written could feed the read without end.
+std::string readLargeFile(int fd, std::string_view start) {
     struct stat status {};
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return {};
-    // One byte more than the file holds, so that a single read both fills it
-    // and, falling short, shows that the end was reached.
-    std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
-    std::size_t size = 0;
-    for (;;) {
-        if (size == content.size()) content.resize(2 * content.size());
-        const ssize_t got = ::read(fd, content.data() + size, content.size() - size);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        size += static_cast<std::size_t>(got);
-        // A regular file gives fewer bytes than asked only at its end.
-        if (size < content.size()) break;
+    // One byte more than the file holds, so that a full buffer shows that the
+    // file grew.
+    std::size_t room = std::max(static_cast<std::size_t>(status.st_size), start.size()) + 1;
+    std::string content;
+    content.reserve(room);
+    content.append(start);
+    for (;; room *= 2) {
+        std::size_t size = content.size();
+        content.resize_and_overwrite(room, [&](char* buffer, std::size_t) {
+            size += readUpTo(fd, buffer + size, room - size);
+            return size;
+        });
+        if (size < room) return content;
     }
-    content.resize(size);
-    return content;
 }
 
-// Turns the file's bytes into the value, in place: the content ends at the
-// first 0x1A, and each CR LF becomes LF. Runs between CRs move down at most
-// once, and not at all in a value without CR LF.
-void translateTextMode(std::string& content) {
-    content.resize(std::min(content.find(endOfText), content.size()));
-    std::size_t kept = 0;
-    for (std::size_t from = 0;;) {
-        const std::size_t cr = content.find(carriageReturn, from);
-        const bool dropped =
-            cr != std::string::npos && cr + 1 < content.size() && content[cr + 1] == lineFeed;
-        const std::size_t runEnd =
-            cr == std::string::npos ? content.size() : (dropped ? cr : cr + 1);
-        if (kept != from) std::memmove(content.data() + kept, content.data() + from, runEnd - from);
-        kept += runEnd - from;
-        if (cr == std::string::npos) break;
-        from = cr + 1;
-    }
-    content.resize(kept);
+// Values shorter than this, nearly all, take one read and no status call:
+// a regular file gives fewer bytes than asked only at its end.
+constexpr std::size_t firstReadSize = 4096;
+
+// The file's bytes as they are. A folder fails the first read and reads as
+// empty. A pipe gives at most what it holds at once: the file is open
+// without blocking, so no entry can make a read wait.
+std::string readAll(int fd) {
+    char first[firstReadSize];
+    const std::size_t got = readOnce(fd, first, sizeof first);
+    if (got < sizeof first) return std::string(first, got);
+    return readLargeFile(fd, std::string_view(first, got));
 }
 
 }  // namespace
@@ -134,15 +155,15 @@ void translateTextMode(std::string& content) {
 bool FileSystem::exists(const std::u16string& path) {
     // Walks the path as stat does, with the same (effective) ids, but fills
     // in nothing: every store operation asks this of its group folder.
-    return ::faccessat(AT_FDCWD, utf16ToUtf8(path).c_str(), F_OK, AT_EACCESS) == 0;
+    return ::faccessat(AT_FDCWD, NativePath(path).c_str(), F_OK, AT_EACCESS) == 0;
 }
 
 bool FileSystem::createFolder(const std::u16string& path) {
-    return ::mkdir(utf16ToUtf8(path).c_str(), 0777) == 0;
+    return ::mkdir(NativePath(path).c_str(), 0777) == 0;
 }
 
 std::optional<std::vector<std::u16string>> FileSystem::listFolder(const std::u16string& path) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(utf16ToUtf8(path).c_str()),
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(NativePath(path).c_str()),
                                                      &::closedir);
     if (!folder) return std::nullopt;
     std::vector<std::u16string> names;
@@ -158,15 +179,15 @@ std::optional<std::string> FileSystem::readText(const std::u16string& path) {
     // Opening first spares the status call whenever the file is there.
     // O_NONBLOCK, which regular files ignore, keeps the open of a pipe from
     // waiting for its other end.
-    FileDescriptor file(::open(utf16ToUtf8(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    FileDescriptor file(::open(NativePath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.valid()) return exists(path) ? std::optional<std::string>("") : std::nullopt;
     std::string content = readAll(file.get());
-    translateTextMode(content);
+    content.resize(TextMode::decode(content.data(), content.size()));
     return content;
 }
 
 bool FileSystem::writeText(const std::u16string& path, std::string_view data) {
-    FileDescriptor file(::open(utf16ToUtf8(path).c_str(),
+    FileDescriptor file(::open(NativePath(path).c_str(),
                                O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!file.valid()) return false;
     const bool written = writeTextMode(file.get(), data);
@@ -175,7 +196,7 @@ bool FileSystem::writeText(const std::u16string& path, std::string_view data) {
 
 bool FileSystem::removeFile(const std::u16string& path) {
     // unlink, unlike remove, never takes a folder.
-    return ::unlink(utf16ToUtf8(path).c_str()) == 0 || !exists(path);
+    return ::unlink(NativePath(path).c_str()) == 0 || !exists(path);
 }
 
 }  // namespace Quorvendale::Storage

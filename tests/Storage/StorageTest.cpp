@@ -1,7 +1,9 @@
 // BasicStorage through its one concrete store, UwpStorage, rooted in a
 // temporary package folder, checked against the bytes left on disk.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -98,10 +100,20 @@ TEST_F(StorageTest, EntriesThatAreNotFiles) {
     EXPECT_EQ(errorOf([&] { store_.remove("g", "sub"); }), "Remove file error");
     EXPECT_TRUE(std::filesystem::is_directory(package_.localState() / "g" / "sub"));
 
-    // A pipe with no other end must not make the store wait.
+    // A pipe must never make the store wait, with or without a writer, nor
+    // feed it without end: it gives what one read finds, below 4 KiB.
     ASSERT_EQ(::mkfifo(entryPath("g", "pipe").c_str(), 0600), 0);
     EXPECT_EQ(store_.read("g", "pipe"), "");
     EXPECT_EQ(errorOf([&] { store_.write("g", "pipe", "x"); }), "Write file error");
+    const int writer = ::open(entryPath("g", "pipe").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(writer, 0);
+    EXPECT_EQ(store_.read("g", "pipe"), "");
+    ASSERT_EQ(::write(writer, "a\r\nb", 4), 4);
+    EXPECT_EQ(store_.read("g", "pipe"), "a\nb");
+    const std::string plenty(8192, 'x');
+    ASSERT_EQ(::write(writer, plenty.data(), plenty.size()), static_cast<ssize_t>(plenty.size()));
+    EXPECT_EQ(store_.read("g", "pipe"), "");
+    ::close(writer);
 }
 
 TEST_F(StorageTest, NamesAreUtf8UpToTheirFirstZero) {
