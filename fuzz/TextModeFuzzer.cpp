@@ -1,5 +1,5 @@
-// Decodes arbitrary stored bytes and holds the result to the text-mode rules
-// applied one byte at a time, with both scans agreeing. Then stores the input
+// Decodes arbitrary stored bytes both ways and holds the results to the
+// text-mode rules applied one byte at a time. Then stores the input
 // as a value, in pieces of a size the input picks, and checks that a value
 // without 0x1A comes back unchanged.
 #include <cstddef>
@@ -9,19 +9,11 @@
 #include <string_view>
 
 #include "Storage/TextMode.h"
+#include "Support/TextModeRules.h"
 
 namespace TextMode = Quorvendale::Storage::TextMode;
 
 namespace {
-
-std::string decodedByteByByte(std::string_view stored) {
-    std::string value;
-    for (std::size_t at = 0; at < stored.size() && stored[at] != '\x1A'; ++at) {
-        if (stored[at] == '\r' && at + 1 < stored.size() && stored[at + 1] == '\n') continue;
-        value += stored[at];
-    }
-    return value;
-}
 
 std::string decoded(std::string stored) {
     stored.resize(TextMode::decode(stored.data(), stored.size()));
@@ -32,11 +24,10 @@ std::string decoded(std::string stored) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
-    const char* const end = input.data() + input.size();
-    if (TextMode::findMark(input.data(), end) != TextMode::findMarkPortable(input.data(), end)) {
-        std::abort();
-    }
-    if (decoded(std::string(input)) != decodedByteByByte(input)) std::abort();
+    const std::string expected = Quorvendale::Testing::decodedByteByByte(input);
+    std::string portable(input);
+    portable.resize(TextMode::decodePortable(portable.data(), portable.size()));
+    if (decoded(std::string(input)) != expected || portable != expected) std::abort();
 
     const std::size_t room = 2 + (size == 0 ? 0 : data[0] % 64);
     std::string stored;

@@ -16,40 +16,119 @@ constexpr char carriageReturn = '\r';
 constexpr char lineFeed = '\n';
 constexpr char endOfText = '\x1A';
 
-#if defined(__x86_64__)
-// Every byte of every value read passes through the scan, and on a value of a
-// megabyte two passes of memchr cost as much as the read itself. One pass
-// looking for both bytes, 128 at a step, costs little more than one memchr.
-[[gnu::target("avx2")]] inline __m256i marksIn(const char* at) {
-    const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
-    return _mm256_or_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(carriageReturn)),
-                           _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(endOfText)));
+// The first CR or 0x1A at or after `from`, or `end`: the only bytes that
+// reading changes.
+const char* findMark(const char* from, const char* end) {
+    const auto* carriage = static_cast<const char*>(std::memchr(from, carriageReturn, end - from));
+    const char* const limit = carriage ? carriage : end;
+    const auto* stop = static_cast<const char*>(std::memchr(from, endOfText, limit - from));
+    return stop ? stop : limit;
 }
 
-[[gnu::target("avx2")]] const char* findMarkAvx2(const char* from, const char* end) {
-    while (end - from >= 128) {
-        const __m256i marks = _mm256_or_si256(_mm256_or_si256(marksIn(from), marksIn(from + 32)),
-                                              _mm256_or_si256(marksIn(from + 64), marksIn(from + 96)));
-        if (!_mm256_testz_si256(marks, marks)) break;
-        from += 128;
+// Takes the mark that ends a run (a CR or 0x1A) after the value's bytes so
+// far, which end at `out`: false when it ends the content; a CR is kept
+// unless a LF follows.
+bool takeMark(const char* mark, const char* end, char*& out) {
+    if (*mark == endOfText) return false;
+    if (mark + 1 == end || mark[1] != lineFeed) *out++ = carriageReturn;
+    return true;
+}
+
+// Decodes [from, end) to `out`, which is at or below `from`; gives the end of
+// the value. Runs between marks move down with one memmove each.
+char* decodeRuns(char* out, const char* from, const char* end) {
+    for (;;) {
+        const char* const mark = findMark(from, end);
+        if (out != from) std::memmove(out, from, mark - from);
+        out += mark - from;
+        if (mark == end || !takeMark(mark, end, out)) return out;
+        from = mark + 1;
     }
-    for (; end - from >= 32; from += 32) {
-        const auto marks = static_cast<unsigned>(_mm256_movemask_epi8(marksIn(from)));
+}
+
+#if defined(__x86_64__)
+// Every byte of every value read passes through here, and on a value of a
+// megabyte two passes of memchr cost as much as the read itself. One pass
+// looking for both marks costs little more than one memchr, and once a CR
+// has been dropped the bytes move down a block at a time rather than with a
+// memmove per line. A block of 32 bytes is one AVX2 register.
+constexpr std::ptrdiff_t block = 32;
+
+[[gnu::target("avx2")]] inline __m256i loadBlock(const char* at) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+}
+
+[[gnu::target("avx2")]] inline unsigned marksIn(__m256i bytes) {
+    const __m256i marks = _mm256_or_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(carriageReturn)),
+                                          _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(endOfText)));
+    return static_cast<unsigned>(_mm256_movemask_epi8(marks));
+}
+
+// The first mark at or after `from`, or `end`, looked for four blocks at a
+// step.
+[[gnu::target("avx2")]] const char* findMarkAvx2(const char* from, const char* end) {
+    for (; end - from >= 4 * block; from += 4 * block) {
+        const unsigned marks = marksIn(loadBlock(from)) | marksIn(loadBlock(from + block)) |
+                               marksIn(loadBlock(from + 2 * block)) |
+                               marksIn(loadBlock(from + 3 * block));
+        if (marks != 0) break;
+    }
+    for (; end - from >= block; from += block) {
+        const unsigned marks = marksIn(loadBlock(from));
         if (marks != 0) return from + std::countr_zero(marks);
     }
-    while (from != end && *from != carriageReturn && *from != endOfText) ++from;
-    return from;
+    return findMark(from, end);
+}
+
+[[gnu::target("avx2")]] std::size_t decodeAvx2(char* bytes, std::size_t size) {
+    const char* const end = bytes + size;
+    const char* from = bytes;
+    char* out = bytes;
+    while (end - from >= block) {
+        // Until a CR is dropped nothing moves: go straight to the next mark.
+        if (out == from) {
+            const char* const mark = findMarkAvx2(from, end);
+            out += mark - from;
+            from = mark;
+            if (end - from < block) break;
+        }
+        const __m256i bytesHere = loadBlock(from);
+        const unsigned marks = marksIn(bytesHere);
+        if (marks == 0) {
+            // out is at or below from, so the store ends before the next load.
+            if (out != from) _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), bytesHere);
+            out += block;
+            from += block;
+            continue;
+        }
+        const auto run = static_cast<std::ptrdiff_t>(std::countr_zero(marks));
+        const char* const mark = from + run;
+        const bool ends = *mark == endOfText;
+        const bool keepsCarriage = !ends && (mark + 1 == end || mark[1] != lineFeed);
+        // A whole block stored at out must end before the next load, at
+        // mark + 1; that holds once a line or so has moved the value down.
+        if (out + block <= mark + 1) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), bytesHere);
+        } else if (out != from) {
+            std::memmove(out, from, run);
+        }
+        out += run;
+        if (ends) return static_cast<std::size_t>(out - bytes);
+        if (keepsCarriage) *out++ = carriageReturn;
+        from = mark + 1;
+    }
+    return static_cast<std::size_t>(decodeRuns(out, from, end) - bytes);
 }
 #endif
 
-using MarkFinder = const char* (*)(const char*, const char*);
+using Decoder = std::size_t (*)(char*, std::size_t);
 
-MarkFinder chooseMarkFinder() {
+Decoder chooseDecoder() {
 #if defined(__x86_64__)
     __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2")) return findMarkAvx2;
+    if (__builtin_cpu_supports("avx2")) return decodeAvx2;
 #endif
-    return findMarkPortable;
+    return decodePortable;
 }
 
 }  // namespace
@@ -76,30 +155,12 @@ std::size_t encode(std::string_view& value, char* out, std::size_t room) {
 }
 
 std::size_t decode(char* bytes, std::size_t size) {
-    const char* const end = bytes + size;
-    char* out = bytes;
-    for (const char* from = bytes;;) {
-        const char* const mark = findMark(from, end);
-        if (out != from) std::memmove(out, from, mark - from);
-        out += mark - from;
-        if (mark == end || *mark == endOfText) break;
-        // A carriage return, dropped only before a line feed.
-        if (mark + 1 == end || mark[1] != lineFeed) *out++ = carriageReturn;
-        from = mark + 1;
-    }
-    return static_cast<std::size_t>(out - bytes);
+    static const Decoder decoder = chooseDecoder();
+    return decoder(bytes, size);
 }
 
-const char* findMark(const char* from, const char* end) {
-    static const MarkFinder finder = chooseMarkFinder();
-    return finder(from, end);
-}
-
-const char* findMarkPortable(const char* from, const char* end) {
-    const auto* carriage = static_cast<const char*>(std::memchr(from, carriageReturn, end - from));
-    const char* const limit = carriage ? carriage : end;
-    const auto* stop = static_cast<const char*>(std::memchr(from, endOfText, limit - from));
-    return stop ? stop : limit;
+std::size_t decodePortable(char* bytes, std::size_t size) {
+    return static_cast<std::size_t>(decodeRuns(bytes, bytes, bytes + size) - bytes);
 }
 
 }  // namespace Quorvendale::Storage::TextMode

@@ -24,14 +24,10 @@ constexpr std::size_t encodedSizeLimit(std::size_t size) { return 2 * size; }
 
 // Turns stored bytes into the value, in place; gives the value's length.
 // The bytes move down at most once, and not at all when nothing is dropped
-// before the end.
+// before the end. decode uses the fastest way the processor has;
+// decodePortable is the way for any processor, given here so that tests
+// hold the two to the same answers.
 std::size_t decode(char* bytes, std::size_t size);
-
-// The first carriage return or 0x1A at or after `from`, or `end`: the only
-// bytes that reading changes. findMark uses the fastest scan the processor
-// has; findMarkPortable is the scan for any processor, given here so that
-// tests hold the two to the same answers.
-const char* findMark(const char* from, const char* end);
-const char* findMarkPortable(const char* from, const char* end);
+std::size_t decodePortable(char* bytes, std::size_t size);
 
 }  // namespace Quorvendale::Storage::TextMode

@@ -1,11 +1,14 @@
 // The text-mode byte rules on their own, around the block sizes of the
-// vector scan, where its off-by-one faults would hide.
+// vector decoder, where its off-by-one faults would hide.
 #include "Storage/TextMode.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
+
+#include "Support/TextModeRules.h"
 
 namespace Quorvendale::Storage {
 namespace {
@@ -24,18 +27,42 @@ std::string encodedInPieces(std::string_view value, std::size_t room) {
     return stored;
 }
 
-TEST(TextMode, BothScansFindTheFirstMarkAnywhere) {
+// Both ways of decoding, with a mark at every place around the blocks and
+// a later line end that must not be taken for it.
+TEST(TextMode, MarksAnywhere) {
     for (std::size_t size = 1; size <= 300; ++size) {
-        for (std::size_t at = 0; at <= size; ++at) {
-            for (const char mark : {'\r', '\x1A'}) {
-                std::string bytes(size, 'a');
-                if (at < size) bytes[at] = mark;
-                if (at + 1 < size) bytes[size - 1] = '\r';
-                const char* const begin = bytes.data();
-                const char* const end = begin + size;
-                ASSERT_EQ(TextMode::findMark(begin, end), begin + at) << size;
-                ASSERT_EQ(TextMode::findMarkPortable(begin, end), begin + at) << size;
+        for (std::size_t at = 0; at < size; ++at) {
+            for (const std::string_view mark : {"\x1A", "\r", "\r\n"}) {
+                std::string stored(size, 'a');
+                stored.replace(at, std::min(mark.size(), size - at), mark.substr(0, size - at));
+                if (at + 4 < size) stored.replace(size - 2, 2, "\r\n");
+                const std::string value = Testing::decodedByteByByte(stored);
+                for (const auto decode : {TextMode::decode, TextMode::decodePortable}) {
+                    std::string bytes = stored;
+                    bytes.resize(decode(bytes.data(), bytes.size()));
+                    ASSERT_EQ(bytes, value) << size << " " << at;
+                }
             }
+        }
+    }
+}
+
+// Once some 31 line ends are dropped, the vector decoder moves whole blocks
+// down over bytes it has read: lines of every length up to well past a block,
+// with lone CRs among them, then a 0x1A.
+TEST(TextMode, ManyLines) {
+    std::string stored;
+    for (std::size_t line = 0; line < 400; ++line) {
+        stored.append(line % 97, static_cast<char>('a' + line % 26));
+        stored += line % 7 == 0 ? "\r" : "\r\n";
+    }
+    for (const std::size_t end : {stored.size(), stored.size() / 2}) {
+        std::string withEnd = stored;
+        withEnd.insert(end, "\x1A tail\r\n");
+        for (const auto decode : {TextMode::decode, TextMode::decodePortable}) {
+            std::string bytes = withEnd;
+            bytes.resize(decode(bytes.data(), bytes.size()));
+            ASSERT_EQ(bytes, Testing::decodedByteByByte(withEnd)) << end;
         }
     }
 }
@@ -47,15 +74,6 @@ TEST(TextMode, Decode) {
     EXPECT_EQ(decoded("x\r\x1A\n"), "x\r");
     EXPECT_EQ(decoded("\x1A\r\n"), "");
     EXPECT_EQ(decoded("\0\r\n\0"s), "\0\n\0"s);
-
-    // Line ends around the scan's blocks: what follows moves down by one.
-    for (std::size_t at = 0; at + 1 < 300; ++at) {
-        std::string stored(300, 'a');
-        stored.replace(at, 2, "\r\n");
-        std::string value(299, 'a');
-        value[at] = '\n';
-        ASSERT_EQ(decoded(stored), value) << at;
-    }
 }
 
 TEST(TextMode, EncodeInPiecesOfAnySize) {
