@@ -126,6 +126,11 @@ TEST_F(StorageTest, NamesAreUtf8UpToTheirFirstZero) {
     EXPECT_EQ(store_.read("g", "k"), "v");
     store_.write("g", "bad\xFF", "w");
     EXPECT_EQ(fileBytes(entryPath("g", "bad\uFFFD")), "w");
+
+    // Paths too long to convert on the stack.
+    const std::string longName(250, 'n');
+    store_.write(longName, longName, "v");
+    EXPECT_EQ(store_.read(longName, longName), "v");
 }
 
 TEST_F(StorageTest, TextMode) {
