@@ -58,20 +58,27 @@ constexpr std::ptrdiff_t block = 32;
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
 }
 
+// 0xFF in every place of the block that holds a mark, 0 elsewhere.
+[[gnu::target("avx2")]] inline __m256i markBytesIn(__m256i bytes) {
+    return _mm256_or_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(carriageReturn)),
+                           _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(endOfText)));
+}
+
+// One bit for each place of the block, set where it holds a mark.
 [[gnu::target("avx2")]] inline unsigned marksIn(__m256i bytes) {
-    const __m256i marks = _mm256_or_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(carriageReturn)),
-                                          _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(endOfText)));
-    return static_cast<unsigned>(_mm256_movemask_epi8(marks));
+    return static_cast<unsigned>(_mm256_movemask_epi8(markBytesIn(bytes)));
 }
 
 // The first mark at or after `from`, or `end`, looked for four blocks at a
 // step.
 [[gnu::target("avx2")]] const char* findMarkAvx2(const char* from, const char* end) {
     for (; end - from >= 4 * block; from += 4 * block) {
-        const unsigned marks = marksIn(loadBlock(from)) | marksIn(loadBlock(from + block)) |
-                               marksIn(loadBlock(from + 2 * block)) |
-                               marksIn(loadBlock(from + 3 * block));
-        if (marks != 0) break;
+        const __m256i marks =
+            _mm256_or_si256(_mm256_or_si256(markBytesIn(loadBlock(from)),
+                                            markBytesIn(loadBlock(from + block))),
+                            _mm256_or_si256(markBytesIn(loadBlock(from + 2 * block)),
+                                            markBytesIn(loadBlock(from + 3 * block))));
+        if (!_mm256_testz_si256(marks, marks)) break;
     }
     for (; end - from >= block; from += block) {
         const unsigned marks = marksIn(loadBlock(from));
