@@ -96,9 +96,9 @@ bool narrowAscii(const char16_t* units, char* out) {
     std::uint64_t word;
     std::memcpy(&word, units, sizeof word);
     if (((word | (word - 0x0001000100010001)) & 0xFF80FF80FF80FF80) != 0) return false;
-    const auto bytes = static_cast<std::uint32_t>((word & 0xFF) | ((word >> 8) & 0xFF00) |
-                                                  ((word >> 16) & 0xFF0000) |
-                                                  ((word >> 24) & 0xFF000000));
+    const auto bytes =
+        static_cast<std::uint32_t>((word & 0xFF) | ((word >> 8) & 0xFF00) |
+                                   ((word >> 16) & 0xFF0000) | ((word >> 24) & 0xFF000000));
     std::memcpy(out, &bytes, sizeof bytes);
     return true;
 }
@@ -146,7 +146,8 @@ std::size_t utf16ToUtf8(std::u16string_view text, char* out) {
             if (unit == 0) break;  // the text ends at its first zero
             *out++ = static_cast<char>(unit);
         } else if (isHighSurrogate(unit) && at + 1 < text.size() && isLowSurrogate(text[at + 1])) {
-            out = writeUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
+            out =
+                writeUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (text[++at] - 0xDC00));
         } else if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
             out = writeUtf8(out, replacementCharacter);
         } else {
@@ -158,9 +159,8 @@ std::size_t utf16ToUtf8(std::u16string_view text, char* out) {
 
 std::string utf16ToUtf8(std::u16string_view text) {
     std::string result;
-    result.resize_and_overwrite(utf8SizeLimit(text.size()), [&](char* begin, std::size_t) {
-        return utf16ToUtf8(text, begin);
-    });
+    result.resize_and_overwrite(utf8SizeLimit(text.size()),
+                                [&](char* begin, std::size_t) { return utf16ToUtf8(text, begin); });
     return result;
 }
 

@@ -12,8 +12,8 @@ namespace Quorvendale::Storage {
 
 namespace {
 
-using Platform::utf16ToUtf8;
 using Platform::appendUtf16;
+using Platform::utf16ToUtf8;
 
 constexpr std::string_view defaultKey = "default";
 const std::u16string defaultFileName = u".default";

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -82,7 +81,8 @@ bool writeAll(int fd, const char* data, std::size_t size) {
 // the carriage returns.
 bool writeTextMode(int fd, std::string_view value) {
     if (!TextMode::changesOnWrite(value)) return writeAll(fd, value.data(), value.size());
-    const std::size_t bufferSize = std::min(writeChunkSize, TextMode::encodedSizeLimit(value.size()));
+    const std::size_t bufferSize =
+        std::min(writeChunkSize, TextMode::encodedSizeLimit(value.size()));
     const auto buffer = std::make_unique_for_overwrite<char[]>(bufferSize);
     while (!value.empty()) {
         const std::size_t used = TextMode::encode(value, buffer.get(), bufferSize);

@@ -73,11 +73,10 @@ constexpr std::ptrdiff_t block = 32;
 // step.
 [[gnu::target("avx2")]] const char* findMarkAvx2(const char* from, const char* end) {
     for (; end - from >= 4 * block; from += 4 * block) {
-        const __m256i marks =
-            _mm256_or_si256(_mm256_or_si256(markBytesIn(loadBlock(from)),
-                                            markBytesIn(loadBlock(from + block))),
-                            _mm256_or_si256(markBytesIn(loadBlock(from + 2 * block)),
-                                            markBytesIn(loadBlock(from + 3 * block))));
+        const __m256i marks = _mm256_or_si256(
+            _mm256_or_si256(markBytesIn(loadBlock(from)), markBytesIn(loadBlock(from + block))),
+            _mm256_or_si256(markBytesIn(loadBlock(from + 2 * block)),
+                            markBytesIn(loadBlock(from + 3 * block))));
         if (!_mm256_testz_si256(marks, marks)) break;
     }
     for (; end - from >= block; from += block) {

@@ -1,7 +1,7 @@
 // BasicStorage through its one concrete store, UwpStorage, rooted in a
 // temporary package folder, checked against the bytes left on disk.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
