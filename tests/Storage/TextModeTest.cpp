@@ -13,13 +13,6 @@
 namespace Quorvendale::Storage {
 namespace {
 
-using namespace std::string_literals;
-
-std::string decoded(std::string stored) {
-    stored.resize(TextMode::decode(stored.data(), stored.size()));
-    return stored;
-}
-
 std::string encodedInPieces(std::string_view value, std::size_t room) {
     std::string stored;
     std::string piece(room, '\0');
@@ -65,15 +58,6 @@ TEST(TextMode, ManyLines) {
             ASSERT_EQ(bytes, Testing::decodedByteByByte(withEnd)) << end;
         }
     }
-}
-
-TEST(TextMode, Decode) {
-    EXPECT_EQ(decoded(""), "");
-    EXPECT_EQ(decoded("a\r\nb"), "a\nb");
-    EXPECT_EQ(decoded("\r\r\n\r"), "\r\n\r");
-    EXPECT_EQ(decoded("x\r\x1A\n"), "x\r");
-    EXPECT_EQ(decoded("\x1A\r\n"), "");
-    EXPECT_EQ(decoded("\0\r\n\0"s), "\0\n\0"s);
 }
 
 TEST(TextMode, EncodeInPiecesOfAnySize) {
