@@ -112,7 +112,7 @@ constexpr std::ptrdiff_t block = 32;
         const bool ends = *mark == endOfText;
         const bool keepsCarriage = !ends && (mark + 1 == end || mark[1] != lineFeed);
         // A whole block stored at out must end before the next load, at
-        // mark + 1; that holds once a line or so has moved the value down.
+        // mark + 1; that holds once 31 dropped CRs have moved the value down.
         if (out + block <= mark + 1) {
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), bytesHere);
         } else if (out != from) {
