@@ -28,6 +28,8 @@ if(QV_FUZZ)
 endif()
 
 find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(Systemd REQUIRED IMPORTED_TARGET libsystemd)  # sd-bus
 find_package(GTest REQUIRED)
 include(GoogleTest)
 

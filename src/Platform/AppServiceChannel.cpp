@@ -1,11 +1,11 @@
 #include "AppServiceChannel.h"
 
-#include <cerrno>
-#include <thread>
-
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <thread>
+
+#include "SystemCall.h"
 #include "ThreadPool.h"
 
 namespace Quorvendale::Platform::Details {
@@ -22,19 +22,11 @@ AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSe
 
 AppServiceChannel::~AppServiceChannel() { ::close(descriptor_); }
 
-std::shared_ptr<AppServiceChannel> AppServiceChannel::open(int descriptor) {
-    auto channel = std::make_shared<AppServiceChannel>(descriptor);
-    // The deleter lets go of the channel once it has closed it: the control
-    // block, which handle_ keeps, must not keep the channel too.
-    std::shared_ptr<AppServiceChannel> handle(channel.get(), [channel](AppServiceChannel*) mutable {
-        channel->close(false);
-        channel.reset();
-    });
-    channel->handle_ = handle;
-    // The reader owns the channel (not the handle) until the stream ends, so
-    // that the last handle going away still ends it.
+std::shared_ptr<AppServiceChannel> AppServiceChannel::open(int descriptor,
+                                                           std::weak_ptr<ConnectionObject> owner) {
+    auto channel = std::make_shared<AppServiceChannel>(descriptor, std::move(owner));
     std::thread([channel] { channel->readFrames(); }).detach();
-    return handle;
+    return channel;
 }
 
 IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSet& message) {
@@ -63,9 +55,9 @@ bool AppServiceChannel::write(const std::string& frame) {
     std::lock_guard lock(writeMutex_);
     for (std::size_t sent = 0; sent < frame.size();) {
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
-        const ssize_t count =
-            ::send(descriptor_, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR) continue;
+        const ssize_t count = retryInterrupted([&] {
+            return ::send(descriptor_, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+        });
         if (count <= 0) return false;
         sent += static_cast<std::size_t>(count);
     }
@@ -94,17 +86,22 @@ void AppServiceChannel::close(bool byPeer) {
     // Wakes the reader (it sees the end of the stream) and any blocked writer.
     ::shutdown(descriptor_, SHUT_RDWR);
     for (auto& [requestId, completion] : waiting) completion.Complete(failed());
-    ThreadPool::submit([self = shared_from_this(), byPeer] {
-        if (auto handle = self->handle_.lock(); handle && byPeer) {
-            self->serviceClosed(AppServiceConnection(handle),
-                                AppServiceClosedEventArgs(AppServiceClosedStatus::Completed));
-        }
-        self->ended_();
-        // What the handlers hold (a task, its service) may now go.
-        self->requestReceived.clear();
-        self->serviceClosed.clear();
-        self->ended_.clear();
-    });
+    ThreadPool::submit([self = shared_from_this(), byPeer] { self->raiseEnd(byPeer); });
+}
+
+void AppServiceChannel::raiseEnd(bool byPeer) {
+    const std::shared_ptr<ConnectionObject> owner = owner_.lock();
+    if (owner && byPeer) {
+        owner->serviceClosed(AppServiceConnection(owner),
+                             AppServiceClosedEventArgs(AppServiceClosedStatus::Completed));
+    }
+    ended_();
+    // What the handlers hold (a task, its service) may now go.
+    if (owner) {
+        owner->requestReceived.clear();
+        owner->serviceClosed.clear();
+    }
+    ended_.clear();
 }
 
 void AppServiceChannel::readFrames() {
@@ -134,8 +131,7 @@ std::optional<AppServiceFrame> AppServiceChannel::readFrame() {
 
 bool AppServiceChannel::readExactly(char* into, std::size_t size) {
     while (size > 0) {
-        const ssize_t count = ::recv(descriptor_, into, size, 0);
-        if (count < 0 && errno == EINTR) continue;
+        const ssize_t count = retryInterrupted([&] { return ::recv(descriptor_, into, size, 0); });
         if (count <= 0) return false;
         into += count;
         size -= static_cast<std::size_t>(count);
@@ -161,9 +157,9 @@ void AppServiceChannel::raiseRequest(std::uint64_t requestId, ValueSet message) 
     auto request =
         std::make_shared<IncomingRequest>(shared_from_this(), requestId, std::move(message));
     ThreadPool::submit([self = shared_from_this(), request] {
-        if (auto handle = self->handle_.lock()) {
-            self->requestReceived(AppServiceConnection(handle),
-                                  AppServiceRequestReceivedEventArgs(request));
+        if (const auto owner = self->owner_.lock()) {
+            owner->requestReceived(AppServiceConnection(owner),
+                                   AppServiceRequestReceivedEventArgs(request));
         }
         request->release();
     });

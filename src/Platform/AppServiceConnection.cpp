@@ -35,40 +35,59 @@ IAsyncOperation<AppServiceResponseStatus> AppServiceRequest::SendResponseAsync(
     return completion.operation();
 }
 
+AppServiceConnection::AppServiceConnection()
+    : object_(std::make_shared<Details::ConnectionObject>()) {}
+
 AppServiceConnection AppServiceConnection::fromSocket(int descriptor) {
-    return AppServiceConnection(Details::AppServiceChannel::open(descriptor));
+    return AppServiceConnection(Details::ConnectionObject::overSocket(descriptor));
 }
 
-Details::AppServiceChannel& AppServiceConnection::channel() const {
-    if (!channel_) throw HResultError(E_ILLEGAL_METHOD_CALL);
-    return *channel_;
+Details::ConnectionObject& AppServiceConnection::object() const {
+    if (!object_) throw HResultError(E_POINTER);
+    return *object_;
+}
+
+hstring AppServiceConnection::AppServiceName() const { return object().appServiceName(); }
+
+void AppServiceConnection::AppServiceName(const hstring& name) const {
+    object().appServiceName(name);
+}
+
+hstring AppServiceConnection::PackageFamilyName() const { return object().packageFamilyName(); }
+
+void AppServiceConnection::PackageFamilyName(const hstring& name) const {
+    object().packageFamilyName(name);
+}
+
+IAsyncOperation<AppServiceConnectionStatus> AppServiceConnection::OpenAsync() const {
+    return object().open();
 }
 
 IAsyncOperation<AppServiceResponse> AppServiceConnection::SendMessageAsync(
     const ValueSet& message) const {
-    return channel().sendRequest(message);
+    return object().channel()->sendRequest(message);
 }
 
 event_token AppServiceConnection::RequestReceived(RequestReceivedHandler handler) const {
-    return channel().requestReceived.add(std::move(handler));
+    return object().requestReceived.add(std::move(handler));
 }
 
 void AppServiceConnection::RequestReceived(event_token token) const {
-    channel().requestReceived.remove(token);
+    object().requestReceived.remove(token);
 }
 
 event_token AppServiceConnection::ServiceClosed(ServiceClosedHandler handler) const {
-    return channel().serviceClosed.add(std::move(handler));
+    return object().serviceClosed.add(std::move(handler));
 }
 
 void AppServiceConnection::ServiceClosed(event_token token) const {
-    channel().serviceClosed.remove(token);
+    object().serviceClosed.remove(token);
 }
 
-void AppServiceConnection::Close() const { channel().close(false); }
+void AppServiceConnection::Close() const { object().close(); }
 
 void AppServiceConnection::whenEnded(std::function<void()> handler) const {
-    channel().whenEnded(std::move(handler));
+    object().channel()->whenEnded(std::move(handler));
 }
 
 }  // namespace Quorvendale::Platform

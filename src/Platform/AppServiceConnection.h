@@ -3,6 +3,11 @@
 // (SendMessageAsync) and receive them (RequestReceived); several requests may
 // be in flight at once, each answer matched to its request by id.
 //
+// A client makes a new connection, names the app service and the package
+// that provides it, and opens it (OpenAsync): the session bus starts the
+// package's host if it is not running, and the host answers with its end of
+// a socket. The host wraps its own end with fromSocket.
+//
 // Copies share one connection. The connection ends when its last copy goes,
 // on Close(), when the peer ends the stream, or when the peer sends a frame
 // that cannot be decoded. Then every request still waiting for its answer
@@ -25,8 +30,25 @@ namespace Quorvendale::Platform {
 
 namespace Details {
 class AppServiceChannel;
+class ConnectionObject;
 struct IncomingRequest;
 }  // namespace Details
+
+// How an OpenAsync ended. The numbers are the platform's.
+enum class AppServiceConnectionStatus {
+    Success = 0,
+    AppNotInstalled = 1,        // no package of that family name provides a service
+    AppUnavailable = 2,         // its host could not be started or reached
+    AppServiceUnavailable = 3,  // the host declares no app service of that name
+    Unknown = 4,
+    RemoteSystemUnavailable = 5,
+    RemoteSystemNotSupportedByApp = 6,
+    NotAuthorized = 7,
+    AuthenticationError = 8,
+    NetworkNotAvailable = 9,
+    DisabledByPolicy = 10,
+    WebServiceUnavailable = 11,
+};
 
 enum class AppServiceResponseStatus {
     Success = 0,
@@ -115,39 +137,60 @@ public:
     using ServiceClosedHandler =
         std::function<void(const AppServiceConnection&, const AppServiceClosedEventArgs&)>;
 
-    // No connection: the empty value of a field that has not been set yet.
-    AppServiceConnection() noexcept = default;
+    // A new connection, not open yet.
+    AppServiceConnection();
+    // No connection at all: the empty value of a field that has not been set
+    // yet. Every member but operator bool raises E_POINTER on it.
     AppServiceConnection(std::nullptr_t) noexcept {}
-    explicit operator bool() const noexcept { return channel_ != nullptr; }
+    explicit operator bool() const noexcept { return object_ != nullptr; }
 
-    // Takes over a connected stream socket (one end of a socketpair, say) and
-    // starts reading from it. The connection closes the descriptor.
+    // An open connection over a connected stream socket (one end of a
+    // socketpair, say), which it starts reading from and closes at its end.
     static AppServiceConnection fromSocket(int descriptor);
+
+    // What OpenAsync opens: the app service's name, as its package declares
+    // it, and the package's family name. Set them before opening.
+    hstring AppServiceName() const;
+    void AppServiceName(const hstring& name) const;
+    hstring PackageFamilyName() const;
+    void PackageFamilyName(const hstring& name) const;
+
+    // Asks the session bus for the app service; the connection is open once
+    // this completes with Success. Never throws and never waits for good:
+    // every failure to reach the bus or the service, a bus that cannot pass
+    // the socket among them, completes with a status within the bus call's
+    // time-out (30 s). Fails with E_ILLEGAL_METHOD_CALL on a connection that
+    // is open, opening or closed.
+    IAsyncOperation<AppServiceConnectionStatus> OpenAsync() const;
 
     // Completes with the peer's answer; with MessageSizeTooLarge, sending
     // nothing, if the message does not fit in a frame; with Failure if the
-    // connection ends first or the peer refuses the request.
+    // connection ends first or the peer refuses the request. Raises
+    // E_ILLEGAL_METHOD_CALL on a connection that was never opened.
     IAsyncOperation<AppServiceResponse> SendMessageAsync(const ValueSet& message) const;
 
+    // Handlers may be registered before the connection is open.
     event_token RequestReceived(RequestReceivedHandler handler) const;
     void RequestReceived(event_token token) const;
     event_token ServiceClosed(ServiceClosedHandler handler) const;
     void ServiceClosed(event_token token) const;
 
     // Ends the connection now, for both sides; the peer sees the stream end.
+    // A connection closed before it was opened can no longer be opened.
     void Close() const;
 
-    // For the runtime's own use: runs the handler once when the connection
-    // ends, whatever ended it (at once, on the pool, if it already has).
+    // For the runtime's own use: runs the handler once when the open
+    // connection ends, whatever ended it (at once, on the pool, if it already
+    // has).
     void whenEnded(std::function<void()> handler) const;
 
 private:
     friend class Details::AppServiceChannel;
-    explicit AppServiceConnection(std::shared_ptr<Details::AppServiceChannel> channel)
-        : channel_(std::move(channel)) {}
-    Details::AppServiceChannel& channel() const;
+    explicit AppServiceConnection(std::shared_ptr<Details::ConnectionObject> object)
+        : object_(std::move(object)) {}
+    Details::ConnectionObject& object() const;
 
-    std::shared_ptr<Details::AppServiceChannel> channel_;
+    std::shared_ptr<Details::ConnectionObject> object_;
 };
 
 }  // namespace Quorvendale::Platform

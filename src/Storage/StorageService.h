@@ -30,7 +30,7 @@ public:
 private:
     Platform::Module::LiveObject live_{libraryModule()};
     Platform::BackgroundTaskDeferral backgroundTaskDeferral;
-    Platform::AppServiceConnection appServiceConnection;
+    Platform::AppServiceConnection appServiceConnection{nullptr};
 };
 
 }  // namespace Quorvendale::Storage

@@ -25,8 +25,8 @@ std::pair<int, int> socketPair() {
 }
 
 struct Pair {
-    AppServiceConnection client;
-    AppServiceConnection service;
+    AppServiceConnection client{nullptr};
+    AppServiceConnection service{nullptr};
 };
 
 Pair connectedPair() {

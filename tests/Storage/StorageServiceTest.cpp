@@ -94,7 +94,7 @@ protected:
     Reply ask(const ValueSet& message) { return replyOf(await(client_.SendMessageAsync(message))); }
 
     Testing::PackageFolder package_;
-    AppServiceConnection client_;
+    AppServiceConnection client_{nullptr};
     com_ptr<BackgroundTaskInstance> task_;
 };
 

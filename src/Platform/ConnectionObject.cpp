@@ -1,0 +1,126 @@
+#include <unistd.h>
+
+#include <exception>
+
+#include "AppServiceChannel.h"
+#include "SessionBus.h"
+#include "TextConversion.h"
+
+namespace Quorvendale::Platform::Details {
+namespace {
+
+template <class T>
+IAsyncOperation<T> failedOperation(HRESULT code) {
+    AsyncCompletion<T> completion;
+    completion.Fail(HResultError(code));
+    return completion.operation();
+}
+
+}  // namespace
+
+ConnectionObject::~ConnectionObject() {
+    // No lock: nobody else can reach an object that is being destroyed.
+    if (channel_) channel_->close(false);
+}
+
+std::shared_ptr<ConnectionObject> ConnectionObject::overSocket(int descriptor) {
+    auto object = std::make_shared<ConnectionObject>();
+    object->attach(descriptor);
+    return object;
+}
+
+hstring ConnectionObject::appServiceName() const {
+    std::lock_guard lock(mutex_);
+    return appServiceName_;
+}
+
+void ConnectionObject::appServiceName(const hstring& name) {
+    std::lock_guard lock(mutex_);
+    appServiceName_ = name;
+}
+
+hstring ConnectionObject::packageFamilyName() const {
+    std::lock_guard lock(mutex_);
+    return packageFamilyName_;
+}
+
+void ConnectionObject::packageFamilyName(const hstring& name) {
+    std::lock_guard lock(mutex_);
+    packageFamilyName_ = name;
+}
+
+IAsyncOperation<AppServiceConnectionStatus> ConnectionObject::open() {
+    hstring packageFamilyName;
+    hstring appServiceName;
+    {
+        std::lock_guard lock(mutex_);
+        if (state_ != State::Unopened) {
+            return failedOperation<AppServiceConnectionStatus>(E_ILLEGAL_METHOD_CALL);
+        }
+        state_ = State::Opening;
+        packageFamilyName = packageFamilyName_;
+        appServiceName = appServiceName_;
+    }
+    // The operation holds the object: a connection dropped while it opens
+    // is closed once the open has finished.
+    return runAsync<AppServiceConnectionStatus>(
+        [self = shared_from_this(), packageFamilyName, appServiceName] {
+            return self->openOnBus(packageFamilyName, appServiceName);
+        });
+}
+
+AppServiceConnectionStatus ConnectionObject::openOnBus(const hstring& packageFamilyName,
+                                                       const hstring& appServiceName) {
+    // Nothing may leave as an exception: a caller that reconnects whenever an
+    // open throws would otherwise reconnect without end.
+    int socket = -1;
+    try {
+        const OpenedAppService opened =
+            openAppService(utf16ToUtf8(packageFamilyName), utf16ToUtf8(appServiceName));
+        if (opened.status != AppServiceConnectionStatus::Success) {
+            std::lock_guard lock(mutex_);
+            if (state_ == State::Opening) state_ = State::Unopened;
+            return opened.status;
+        }
+        socket = opened.socket;
+        {
+            std::lock_guard lock(mutex_);
+            if (state_ == State::Closed) {
+                ::close(socket);
+                return AppServiceConnectionStatus::Unknown;
+            }
+        }
+        attach(std::exchange(socket, -1));
+        return AppServiceConnectionStatus::Success;
+    } catch (...) {
+        if (socket >= 0) ::close(socket);
+        std::lock_guard lock(mutex_);
+        if (state_ == State::Opening) state_ = State::Unopened;
+        return AppServiceConnectionStatus::Unknown;
+    }
+}
+
+void ConnectionObject::attach(int descriptor) {
+    auto channel = AppServiceChannel::open(descriptor, weak_from_this());
+    std::lock_guard lock(mutex_);
+    channel_ = std::move(channel);
+    state_ = State::Open;
+}
+
+std::shared_ptr<AppServiceChannel> ConnectionObject::channel() const {
+    std::lock_guard lock(mutex_);
+    if (!channel_) throw HResultError(E_ILLEGAL_METHOD_CALL);
+    return channel_;
+}
+
+void ConnectionObject::close() {
+    std::shared_ptr<AppServiceChannel> channel;
+    {
+        std::lock_guard lock(mutex_);
+        state_ = State::Closed;
+        channel = channel_;
+    }
+    if (channel) channel->close(false);
+}
+
+}  // namespace Quorvendale::Platform::Details

@@ -1,0 +1,201 @@
+#include "SessionBus.h"
+
+#include <fcntl.h>
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "AppServiceBus.h"
+
+namespace Quorvendale::Platform {
+
+std::string AppServiceBus::sessionBusAddress() {
+    if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) {
+        return address;
+    }
+    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
+        return std::string("unix:path=") + runtime + "/bus";
+    }
+    return {};
+}
+
+namespace Details {
+namespace {
+
+// Above the private buses' service start time-out, so that a host that never
+// takes its name is reported by the bus (TimedOut) rather than by us.
+constexpr std::uint64_t openTimeoutMicroseconds = 30'000'000;
+
+struct BusUnref {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+using Bus = std::unique_ptr<sd_bus, BusUnref>;
+
+struct MessageUnref {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+struct Error {
+    Error() = default;
+    Error(const Error&) = delete;
+    Error& operator=(const Error&) = delete;
+    ~Error() { sd_bus_error_free(&error); }
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+};
+
+// A bus client on the address. On a transport other than a Unix socket the
+// daemon cannot see who we are, so we ask to be let in anonymously.
+Bus connect(const std::string& address) {
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) return nullptr;
+    Bus bus(raw);
+    const bool unixSocket = std::string_view(address).starts_with("unix:");
+    if (sd_bus_set_address(raw, address.c_str()) < 0 || sd_bus_set_bus_client(raw, 1) < 0 ||
+        sd_bus_negotiate_fds(raw, 1) < 0 || (!unixSocket && sd_bus_set_anonymous(raw, 1) < 0) ||
+        sd_bus_start(raw) < 0) {
+        return nullptr;
+    }
+    return bus;
+}
+
+// Bus connections between opens, so that an open to a running host costs one
+// call, not a connection and its authentication too. A connection is used by
+// one thread at a time: it is taken out of the list for the call.
+class IdleBuses {
+public:
+    // A kept connection to the address, or a new one (null if none can be
+    // made); `kept` tells which.
+    Bus take(const std::string& address, bool& kept) {
+        {
+            std::lock_guard lock(mutex_);
+            for (auto idle = idle_.begin(); idle != idle_.end(); ++idle) {
+                if (idle->first != address) continue;
+                Bus bus = std::move(idle->second);
+                idle_.erase(idle);
+                kept = true;
+                return bus;
+            }
+        }
+        kept = false;
+        return connect(address);
+    }
+
+    void giveBack(const std::string& address, Bus bus) {
+        // Whatever arrived unasked (the bus's NameAcquired) is dealt with now,
+        // so that nothing piles up in a kept connection.
+        while (sd_bus_process(bus.get(), nullptr) > 0) {
+        }
+        if (sd_bus_is_open(bus.get()) <= 0) return;
+        std::lock_guard lock(mutex_);
+        if (idle_.size() < maximumIdle) idle_.emplace_back(address, std::move(bus));
+    }
+
+private:
+    static constexpr std::size_t maximumIdle = 4;
+
+    std::mutex mutex_;  // guards idle_
+    std::vector<std::pair<std::string, Bus>> idle_;
+};
+
+// Never destroyed: an open may still be running on a pool thread at exit.
+IdleBuses& idleBuses() {
+    static auto* buses = new IdleBuses;
+    return *buses;
+}
+
+// The statuses of the bus's error replies; a name ending in '.' stands for
+// every name it begins.
+struct ErrorStatus {
+    std::string_view name;
+    AppServiceConnectionStatus status;
+};
+constexpr ErrorStatus errorStatuses[] = {
+    {"org.freedesktop.DBus.Error.ServiceUnknown", AppServiceConnectionStatus::AppNotInstalled},
+    {"org.freedesktop.DBus.Error.Spawn.", AppServiceConnectionStatus::AppUnavailable},
+    {"org.freedesktop.DBus.Error.TimedOut", AppServiceConnectionStatus::AppUnavailable},
+    {"org.freedesktop.DBus.Error.NoReply", AppServiceConnectionStatus::AppUnavailable},
+    {"org.freedesktop.DBus.Error.Timeout", AppServiceConnectionStatus::AppUnavailable},
+    {AppServiceBus::appServiceUnavailableError, AppServiceConnectionStatus::AppServiceUnavailable},
+};
+
+AppServiceConnectionStatus statusOf(int result, const sd_bus_error& error) {
+    // Our own time-out ends the call before any reply.
+    if (result == -ETIMEDOUT) return AppServiceConnectionStatus::AppUnavailable;
+    if (sd_bus_error_is_set(&error) <= 0) return AppServiceConnectionStatus::Unknown;
+    const std::string_view name = error.name;
+    for (const ErrorStatus& known : errorStatuses) {
+        const bool matches =
+            known.name.ends_with('.') ? name.starts_with(known.name) : name == known.name;
+        if (matches) return known.status;
+    }
+    return AppServiceConnectionStatus::Unknown;
+}
+
+// One Open call. Leaves `bus` closed when the connection itself failed.
+OpenedAppService callOpen(sd_bus* bus, const std::string& packageFamilyName,
+                          const std::string& appServiceName) {
+    // A connection that cannot carry the socket would wait out the whole
+    // time-out before failing.
+    const int canSendSocket = sd_bus_can_send(bus, SD_BUS_TYPE_UNIX_FD);
+    if (canSendSocket < 0) return {AppServiceConnectionStatus::AppUnavailable};
+    if (canSendSocket == 0) return {AppServiceConnectionStatus::Unknown};
+
+    sd_bus_message* raw = nullptr;
+    const int made = sd_bus_message_new_method_call(
+        bus, &raw, packageFamilyName.c_str(), AppServiceBus::objectPath,
+        AppServiceBus::interfaceName, AppServiceBus::openMethod);
+    // A family name that is no bus name cannot belong to an installed service.
+    if (made == -EINVAL) return {AppServiceConnectionStatus::AppNotInstalled};
+    if (made < 0) return {AppServiceConnectionStatus::Unknown};
+    const Message call(raw);
+    if (sd_bus_message_append(call.get(), "s", appServiceName.c_str()) < 0) {
+        return {AppServiceConnectionStatus::Unknown};
+    }
+
+    Error error;
+    raw = nullptr;
+    const int called = sd_bus_call(bus, call.get(), openTimeoutMicroseconds, &error.error, &raw);
+    const Message reply(raw);
+    if (called < 0) {
+        if (sd_bus_is_open(bus) <= 0) return {AppServiceConnectionStatus::AppUnavailable};
+        return {statusOf(called, error.error)};
+    }
+    int socket = -1;
+    if (sd_bus_message_read(reply.get(), "h", &socket) < 0) {
+        return {AppServiceConnectionStatus::Unknown};
+    }
+    // The message owns the descriptor it carries; the connection gets its own.
+    const int own = ::fcntl(socket, F_DUPFD_CLOEXEC, 3);
+    if (own < 0) return {AppServiceConnectionStatus::Unknown};
+    return {AppServiceConnectionStatus::Success, own};
+}
+
+}  // namespace
+
+OpenedAppService openAppService(const std::string& packageFamilyName,
+                                const std::string& appServiceName) {
+    const std::string address = AppServiceBus::sessionBusAddress();
+    if (address.empty()) return {AppServiceConnectionStatus::AppUnavailable};
+    // A kept connection may have outlived its bus (a restarted daemon at the
+    // same address): its failure earns one more try on a new connection.
+    for (;;) {
+        bool kept = false;
+        Bus bus = idleBuses().take(address, kept);
+        if (!bus) return {AppServiceConnectionStatus::AppUnavailable};
+        const OpenedAppService opened = callOpen(bus.get(), packageFamilyName, appServiceName);
+        const bool connectionFailed = sd_bus_is_open(bus.get()) <= 0;
+        if (connectionFailed && kept) continue;
+        if (!connectionFailed) idleBuses().giveBack(address, std::move(bus));
+        return opened;
+    }
+}
+
+}  // namespace Details
+}  // namespace Quorvendale::Platform
