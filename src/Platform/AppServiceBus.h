@@ -12,6 +12,8 @@
 
 #include "PlatformExport.h"
 
+typedef struct sd_bus sd_bus;
+
 namespace Quorvendale::Platform::AppServiceBus {
 
 inline constexpr const char* objectPath = "/org/quorvendale/AppServiceHost";
@@ -23,5 +25,11 @@ inline constexpr const char* appServiceUnavailableError =
 // The session bus's address: DBUS_SESSION_BUS_ADDRESS, else the socket
 // "bus" in XDG_RUNTIME_DIR; empty when neither is set.
 QV_PLATFORM_API std::string sessionBusAddress();
+
+// A new bus-client connection to the address, started (its authentication
+// finishes with the first call), or null. Over a transport other than a
+// Unix socket the daemon cannot see who we are, so it asks to be let in
+// anonymously. The caller owns the connection.
+QV_PLATFORM_API sd_bus* connect(const std::string& address) noexcept;
 
 }  // namespace Quorvendale::Platform::AppServiceBus

@@ -25,6 +25,19 @@ std::string AppServiceBus::sessionBusAddress() {
     return {};
 }
 
+sd_bus* AppServiceBus::connect(const std::string& address) noexcept {
+    sd_bus* bus = nullptr;
+    if (sd_bus_new(&bus) < 0) return nullptr;
+    const bool unixSocket = std::string_view(address).starts_with("unix:");
+    if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
+        sd_bus_negotiate_fds(bus, 1) < 0 || (!unixSocket && sd_bus_set_anonymous(bus, 1) < 0) ||
+        sd_bus_start(bus) < 0) {
+        sd_bus_unref(bus);
+        return nullptr;
+    }
+    return bus;
+}
+
 namespace Details {
 namespace {
 
@@ -50,21 +63,6 @@ struct Error {
     sd_bus_error error = SD_BUS_ERROR_NULL;
 };
 
-// A bus client on the address. On a transport other than a Unix socket the
-// daemon cannot see who we are, so we ask to be let in anonymously.
-Bus connect(const std::string& address) {
-    sd_bus* raw = nullptr;
-    if (sd_bus_new(&raw) < 0) return nullptr;
-    Bus bus(raw);
-    const bool unixSocket = std::string_view(address).starts_with("unix:");
-    if (sd_bus_set_address(raw, address.c_str()) < 0 || sd_bus_set_bus_client(raw, 1) < 0 ||
-        sd_bus_negotiate_fds(raw, 1) < 0 || (!unixSocket && sd_bus_set_anonymous(raw, 1) < 0) ||
-        sd_bus_start(raw) < 0) {
-        return nullptr;
-    }
-    return bus;
-}
-
 // Bus connections between opens, so that an open to a running host costs one
 // call, not a connection and its authentication too. A connection is used by
 // one thread at a time: it is taken out of the list for the call.
@@ -84,7 +82,7 @@ public:
             }
         }
         kept = false;
-        return connect(address);
+        return Bus(AppServiceBus::connect(address));
     }
 
     void giveBack(const std::string& address, Bus bus) {

@@ -9,14 +9,13 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
-#include <utility>
 #include <vector>
 
 #include "Platform/BackgroundTaskInstance.h"
 #include "Platform/Module.h"
 #include "Platform/TextConversion.h"
 #include "Support/PackageFolder.h"
+#include "Support/StorageMessages.h"
 #include "Support/Waiting.h"
 
 namespace Quorvendale::Storage {
@@ -25,6 +24,11 @@ namespace {
 using namespace Platform;
 using Testing::await;
 using Testing::eventually;
+using Testing::Reply;
+using Testing::replyOf;
+using Testing::request;
+using Testing::success;
+using Testing::unknownException;
 
 struct Exports {
     HRESULT (*getActivationFactory)(HSTRING, IActivationFactory**);
@@ -52,8 +56,6 @@ com_ptr<IActivationFactory> factoryOf(const hstring& classId, HRESULT expected =
     return com_ptr<IActivationFactory>::attach(factory);
 }
 
-using Reply = std::pair<std::string, std::string>;  // status, response
-
 class StorageServiceTest : public testing::Test {
 protected:
     StorageServiceTest() {
@@ -73,33 +75,12 @@ protected:
         EXPECT_TRUE(eventually([] { return library().canUnloadNow() == S_OK; }));
     }
 
-    static ValueSet request(
-        std::initializer_list<std::pair<const char16_t*, const char*>> entries) {
-        ValueSet message;
-        for (const auto& [key, value] : entries) {
-            message.Insert(key, PropertyValue::CreateString(hstring(utf8ToUtf16(value))));
-        }
-        return message;
-    }
-
-    static Reply replyOf(const AppServiceResponse& response) {
-        EXPECT_EQ(response.Status(), AppServiceResponseStatus::Success);
-        const ValueSet reply = response.Message();
-        EXPECT_EQ(reply.Size(), 2u);
-        EXPECT_EQ(reply.begin()->first, hstring(u"response"));  // inserted first
-        return {utf16ToUtf8(unbox_value<hstring>(reply.Lookup(u"status"))),
-                utf16ToUtf8(unbox_value<hstring>(reply.Lookup(u"response")))};
-    }
-
     Reply ask(const ValueSet& message) { return replyOf(await(client_.SendMessageAsync(message))); }
 
     Testing::PackageFolder package_;
     AppServiceConnection client_{nullptr};
     com_ptr<BackgroundTaskInstance> task_;
 };
-
-const Reply success{"success", ""};
-const Reply unknownException{"failed", "Unknown exception"};
 
 TEST_F(StorageServiceTest, AnswersEveryMalformedRequestWithTheRightFailure) {
     ValueSet numericGroup = request({{u"command", "read"}, {u"key", "k"}});

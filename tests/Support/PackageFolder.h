@@ -7,7 +7,9 @@
 
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace Quorvendale::Testing {
 
@@ -25,24 +27,41 @@ private:
     std::optional<std::string> old_;
 };
 
+// A new empty folder under the system's temporary folder, removed with
+// everything in it at the end.
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "qv-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        path_ = pattern;
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
 class PackageFolder {
 public:
     static constexpr const char* packageFamilyName = "Test.Package_0123456789abc";
 
-    ~PackageFolder() { std::filesystem::remove_all(base_); }
-    const std::filesystem::path& base() const { return base_; }
-    std::filesystem::path localState() const {
-        return base_ / "Packages" / packageFamilyName / "LocalState";
+    const std::filesystem::path& base() const { return base_.path(); }
+    // The local folder of this process's package, or of another one that
+    // keeps its data under the same data home.
+    std::filesystem::path localState(const char* package = packageFamilyName) const {
+        return base() / "Packages" / package / "LocalState";
     }
 
 private:
-    static std::filesystem::path makeTemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qv-XXXXXX").string();
-        return ::mkdtemp(pattern.data());
-    }
-
-    std::filesystem::path base_ = makeTemporaryFolder();
-    ScopedEnvironment dataHome_{"XDG_DATA_HOME", base_.c_str()};
+    TemporaryFolder base_;
+    ScopedEnvironment dataHome_{"XDG_DATA_HOME", base_.path().c_str()};
     ScopedEnvironment package_{"QUORVENDALE_PACKAGE_FAMILY_NAME", packageFamilyName};
 };
 

@@ -1,0 +1,318 @@
+// The storage service in a process of its own: a private bus whose service
+// folder holds the build tree's service file starts the real host, which
+// activates the service from the built library; this process talks to it
+// through AppServiceConnection, as any client does.
+#include <gtest/gtest.h>
+#include <linux/landlock.h>
+#include <sys/syscall.h>
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "Platform/AppServiceBus.h"
+#include "Support/ChildProcess.h"
+#include "Support/PrivateBus.h"
+#include "Support/StorageMessages.h"
+#include "Support/Waiting.h"
+
+namespace Quorvendale::Platform {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::await;
+using Testing::eventually;
+using Testing::PrivateBus;
+using Testing::Reply;
+using Testing::request;
+using Testing::success;
+using Status = AppServiceConnectionStatus;
+
+constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
+constexpr const char* storageAppService = "com.quorvendale.storage.appservice";
+
+std::string contentOf(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+// The build tree's service file of the storage service, its host told to
+// leave after `idleSeconds` with nothing to serve.
+void installStorageService(const fs::path& folder, int idleSeconds = 30) {
+    std::string file = contentOf(QV_BUILD_SERVICE_FILE);
+    file.insert(file.find_last_not_of('\n') + 1, " --idle-exit " + std::to_string(idleSeconds));
+    fs::create_directories(folder);
+    std::ofstream(folder / (std::string(storagePackage) + ".service")) << file;
+}
+
+AppServiceConnection unopened(const std::string& package = storagePackage,
+                              const std::string& appService = storageAppService) {
+    AppServiceConnection connection;
+    connection.PackageFamilyName(hstring(utf8ToUtf16(package)));
+    connection.AppServiceName(hstring(utf8ToUtf16(appService)));
+    return connection;
+}
+
+Status openStatus(const std::string& package, const std::string& appService = storageAppService) {
+    return await(unopened(package, appService).OpenAsync());
+}
+
+AppServiceConnection openStorage() {
+    AppServiceConnection connection = unopened();
+    EXPECT_EQ(await(connection.OpenAsync()), Status::Success);
+    return connection;
+}
+
+Reply ask(const AppServiceConnection& connection, const ValueSet& message) {
+    return Testing::replyOf(await(connection.SendMessageAsync(message)));
+}
+
+Reply read(const AppServiceConnection& connection, const std::string& group,
+           const std::string& key) {
+    return ask(connection, request({{u"command", "read"}, {u"group", group}, {u"key", key}}));
+}
+
+Reply write(const AppServiceConnection& connection, const std::string& group,
+            const std::string& key, const std::string& data) {
+    return ask(connection,
+               request({{u"command", "write"}, {u"group", group}, {u"key", key}, {u"data", data}}));
+}
+
+bool exitedWith(std::optional<int> status, int code) {
+    return status && WIFEXITED(*status) && WEXITSTATUS(*status) == code;
+}
+
+class AppServiceHostTest : public testing::Test {
+protected:
+    fs::path localState() const { return package_.localState(storagePackage); }
+    pid_t host() const {
+        const auto owner = bus_->ownerOf(storagePackage);
+        EXPECT_TRUE(owner.has_value());
+        return owner.value_or(-1);
+    }
+    void startBus(int idleSeconds = 30) {
+        installStorageService(services_.path(), idleSeconds);
+        bus_.emplace(services_.path());
+    }
+
+    Testing::PackageFolder package_;  // the data home every host of the bus inherits
+    Testing::TemporaryFolder services_;
+    std::optional<PrivateBus> bus_;
+};
+
+TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    EXPECT_NE(host(), ::getpid());
+
+    EXPECT_EQ(write(connection, "g", "k", "a\nb"), success);
+    EXPECT_EQ(contentOf(localState() / "g" / "k"), "a\r\nb");
+    EXPECT_EQ(read(connection, "g", "k"), Reply("success", "a\nb"));
+    EXPECT_EQ(write(connection, "g", ".default", "k"), success);
+    EXPECT_EQ(read(connection, "g", "default"), Reply("success", "a\nb"));
+    const auto next = [&](const std::string& key) {
+        return ask(connection, request({{u"command", "next"}, {u"group", "g"}, {u"key", key}}));
+    };
+    const Reply first = next("");
+    ASSERT_EQ(first.first, "success");
+    const Reply second = next(first.second);
+    EXPECT_EQ(fs::path(first.second == "k" ? second.second : first.second), ".default");
+    EXPECT_EQ(next(second.second), success);
+    EXPECT_EQ(next("missing"), Reply("failed", "Invalid key"));
+    EXPECT_EQ(ask(connection, request({{u"command", "remove"}, {u"group", "g"}, {u"key", "k"}})),
+              success);
+    EXPECT_EQ(read(connection, "g", "k"),
+              Reply("failed", "Read file error: file " + (localState() / "g" / "k").string() +
+                                  " is not exist"));
+
+    EXPECT_EQ(ask(connection, ValueSet()), success);
+    EXPECT_EQ(ask(connection, request({{u"command", "READ"}, {u"group", "g"}, {u"key", "k"}})),
+              Reply("failed", "Unknown command"));
+    EXPECT_EQ(ask(connection, request({{u"command", "read"}, {u"group", "g"}})),
+              Testing::unknownException);
+    EXPECT_EQ(ask(connection, request({{u"command", "write"}, {u"group", "g"}, {u"key", "k"}})),
+              Testing::unknownException);
+    // Every failure had a client to hear of it: the host said nothing.
+    EXPECT_EQ(bus_->log().find("quorvendale-apphost"), std::string::npos) << bus_->log();
+}
+
+TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
+    const fs::path folder = services_.path();
+    installStorageService(folder);
+    Testing::writeServiceFile(folder, "Missing.Program_1", "/nonexistent/program");
+    Testing::writeServiceFile(folder, "Exits.AtOnce_1", "/bin/true");
+    Testing::writeServiceFile(folder, "Never.TakesItsName_1", "/bin/sleep 60");
+    bus_.emplace(folder, PrivateBus::Options{.serviceStartTimeout = std::chrono::seconds(1)});
+
+    EXPECT_EQ(openStatus("Not.Installed_1"), Status::AppNotInstalled);
+    EXPECT_EQ(openStatus("not a bus name"), Status::AppNotInstalled);
+    EXPECT_EQ(openStatus("Missing.Program_1"), Status::AppUnavailable);
+    EXPECT_EQ(openStatus("Exits.AtOnce_1"), Status::AppUnavailable);
+    EXPECT_EQ(openStatus("Never.TakesItsName_1"), Status::AppUnavailable);
+    EXPECT_EQ(openStatus(storagePackage, "com.quorvendale.other.appservice"),
+              Status::AppServiceUnavailable);
+    EXPECT_EQ(openStatus(storagePackage, ""), Status::AppServiceUnavailable);
+    EXPECT_EQ(openStatus(storagePackage, std::string(1 << 20, 'x')), Status::AppServiceUnavailable);
+    // The host that refused those still serves.
+    EXPECT_EQ(ask(openStorage(), ValueSet()), success);
+
+    // An opened connection opens once.
+    const AppServiceConnection open = openStorage();
+    EXPECT_THROW(await(open.OpenAsync()), HResultError);
+
+    {
+        Testing::ScopedEnvironment noBus("DBUS_SESSION_BUS_ADDRESS",
+                                         ("unix:path=" + (folder / "no-bus").string()).c_str());
+        EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+        Testing::ScopedEnvironment noAddress("DBUS_SESSION_BUS_ADDRESS", nullptr);
+        Testing::ScopedEnvironment noRuntimeFolder("XDG_RUNTIME_DIR", nullptr);
+        EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+    }
+
+    // A bus that cannot carry the socket refuses at once, not after the time-out.
+    const PrivateBus overTcp(folder, PrivateBus::Options{.overTcp = true});
+    EXPECT_EQ(openStatus(storagePackage), Status::Unknown);
+}
+
+TEST_F(AppServiceHostTest, AHostKilledMidRequestFailsTheRequestAndANewOneServes) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    std::atomic<int> closed{0};
+    connection.ServiceClosed([&](auto&, auto&) { ++closed; });
+    const pid_t first = host();
+
+    // Stopped, the host cannot answer: the request is still pending when it dies.
+    ::kill(first, SIGSTOP);
+    const auto pending = connection.SendMessageAsync(ValueSet());
+    ::kill(first, SIGKILL);
+    EXPECT_EQ(await(pending).Status(), AppServiceResponseStatus::Failure);
+    EXPECT_TRUE(eventually([&] { return closed == 1; }));
+    const auto status = PrivateBus::exitStatusOf(first);
+    EXPECT_TRUE(status && WIFSIGNALED(*status));
+
+    const AppServiceConnection again = openStorage();
+    EXPECT_NE(host(), first);
+    EXPECT_EQ(write(again, "g", "k", "v"), success);
+}
+
+TEST_F(AppServiceHostTest, TwoClientProcessesAreServedAtOnceByOneHost) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    const pid_t served = host();
+    Testing::ChildProcess other(
+        {QV_APP_SERVICE_CLIENT, storagePackage, storageAppService, "second", "200"});
+    for (int i = 0; i < 200; ++i) {
+        const std::string key = std::to_string(i);
+        ASSERT_EQ(write(connection, "first", key, "first " + key), success);
+        ASSERT_EQ(read(connection, "first", key), Reply("success", "first " + key));
+    }
+    EXPECT_TRUE(exitedWith(other.wait(), 0));
+    EXPECT_EQ(host(), served);
+    EXPECT_EQ(contentOf(localState() / "second" / "199"), "second 199");
+}
+
+TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
+    startBus(1);
+    pid_t first = -1;
+    {
+        const AppServiceConnection connection = openStorage();
+        first = host();
+        EXPECT_EQ(write(connection, "g", "k", "kept"), success);
+        connection.Close();
+    }
+    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0));
+    EXPECT_FALSE(bus_->ownerOf(storagePackage).has_value());
+
+    const AppServiceConnection connection = openStorage();
+    EXPECT_NE(host(), first);
+    EXPECT_EQ(read(connection, "g", "k"), Reply("success", "kept"));
+}
+
+TEST_F(AppServiceHostTest, SigtermEndsEveryConnectionAndTheHostExitsZero) {
+    startBus();
+    const AppServiceConnection connections[] = {openStorage(), openStorage()};
+    std::atomic<int> closed{0};
+    for (const auto& connection : connections)
+        connection.ServiceClosed([&](auto&, auto&) { ++closed; });
+    const pid_t first = host();
+
+    ::kill(first, SIGSTOP);
+    const auto pending = connections[0].SendMessageAsync(ValueSet());
+    ::kill(first, SIGTERM);
+    ::kill(first, SIGCONT);
+    await(pending);  // answered or failed, but never left waiting
+    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0));
+    EXPECT_TRUE(eventually([&] { return closed == 2; }));
+    EXPECT_EQ(await(connections[1].SendMessageAsync(ValueSet())).Status(),
+              AppServiceResponseStatus::Failure);
+    EXPECT_EQ(ask(openStorage(), ValueSet()), success);
+}
+
+bool landlockAvailable() {
+    return ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
+}
+
+TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingThere) {
+    if (!landlockAvailable())
+        GTEST_SKIP() << "this kernel has no Landlock: the host runs unconfined";
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    const fs::path beside = localState().parent_path() / "beside";
+    const fs::path outside = package_.base() / "outside";
+    for (const fs::path& planted : {beside, outside}) std::ofstream(planted) << "planted";
+
+    EXPECT_EQ(write(connection, "..", "beside", "changed"), Reply("failed", "Write file error"));
+    EXPECT_EQ(write(connection, "g", "../../beside", "changed"),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(write(connection, "../../..", "outside", "changed"),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(write(connection, "../../../made", "k", "v"), Reply("failed", "Write file error"));
+    EXPECT_EQ(
+        ask(connection, request({{u"command", "remove"}, {u"group", ".."}, {u"key", "beside"}})),
+        Reply("failed", "Remove file error"));
+    // Its status can be taken, so it reads as an entry that cannot be
+    // opened: empty, and nothing of it leaves.
+    EXPECT_EQ(read(connection, "../../..", "outside"), success);
+
+    for (const fs::path& planted : {beside, outside}) EXPECT_EQ(contentOf(planted), "planted");
+    EXPECT_FALSE(fs::exists(package_.base() / "made"));
+    EXPECT_EQ(write(connection, "g", "k", "inside"), success);
+    EXPECT_EQ(write(connection, "g/..", "k", "inside too"), success);
+}
+
+TEST_F(AppServiceHostTest, GarbageOnOneSocketEndsOnlyThatConnection) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+
+    sd_bus* bus = AppServiceBus::connect(bus_->address());
+    ASSERT_NE(bus, nullptr);
+    sd_bus_message* reply = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    ASSERT_GE(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
+                                 AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
+                                 &reply, "s", storageAppService),
+              0);
+    int socket = -1;
+    ASSERT_GE(sd_bus_message_read(reply, "h", &socket), 0);
+    const std::string garbage("\x05\x00\x00\x00\x09garbage", 12);  // a frame of unknown kind
+    EXPECT_EQ(::write(socket, garbage.data(), garbage.size()),
+              static_cast<ssize_t>(garbage.size()));
+    char byte = 0;
+    EXPECT_EQ(::read(socket, &byte, 1), 0);  // the host hung up
+    sd_bus_message_unref(reply);
+
+    // An Open of the wrong shape is answered with an error, not a crash.
+    EXPECT_LT(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
+                                 AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
+                                 nullptr, "u", 7u),
+              0);
+    sd_bus_error_free(&error);
+    sd_bus_flush_close_unref(bus);
+
+    EXPECT_EQ(write(connection, "g", "k", "still served"), success);
+}
+
+}  // namespace
+}  // namespace Quorvendale::Platform

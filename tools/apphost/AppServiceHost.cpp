@@ -1,0 +1,301 @@
+#include "AppServiceHost.h"
+
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "HostLog.h"
+#include "Platform/AppServiceBus.h"
+#include "Platform/BackgroundTaskInstance.h"
+#include "Platform/TextConversion.h"
+
+namespace Quorvendale::AppHost {
+
+using namespace Platform;
+
+namespace {
+
+constexpr std::uint64_t microseconds(std::chrono::milliseconds time) {
+    return static_cast<std::uint64_t>(time.count()) * 1000;
+}
+
+// While services are still letting go after their connections ended, the
+// idle check looks again this soon.
+constexpr std::chrono::milliseconds unloadRetry{20};
+// How long an ending host waits for its services to let go before it leaves
+// anyway.
+constexpr std::chrono::seconds unloadPatience{5};
+
+}  // namespace
+
+// The connections being served and their tasks, shared with the pool threads
+// that report a connection's end.
+class ServedConnections : public std::enable_shared_from_this<ServedConnections> {
+public:
+    ServedConnections() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    ~ServedConnections() { ::close(wake_); }
+    ServedConnections(const ServedConnections&) = delete;
+    ServedConnections& operator=(const ServedConnections&) = delete;
+
+    // Readable once a connection has ended since the last drainWakeups.
+    int wakeDescriptor() const { return wake_; }
+    void drainWakeups() {
+        std::uint64_t ended = 0;
+        [[maybe_unused]] const auto got = ::read(wake_, &ended, sizeof ended);
+    }
+
+    // Keeps both until the connection ends.
+    void add(const AppServiceConnection& connection, com_ptr<BackgroundTaskInstance> task) {
+        std::uint64_t id = 0;
+        {
+            std::lock_guard lock(mutex_);
+            id = ++lastId_;
+            served_.emplace(id, Served{connection, std::move(task)});
+        }
+        connection.whenEnded([weak = weak_from_this(), id] {
+            if (const auto self = weak.lock()) self->forget(id);
+        });
+    }
+
+    std::size_t count() const {
+        std::lock_guard lock(mutex_);
+        return served_.size();
+    }
+
+    void cancelAll() {
+        for (const Served& served : snapshot()) {
+            served.task->Cancel(BackgroundTaskCancellationReason::Terminating);
+        }
+    }
+
+    void closeAll() {
+        for (const Served& served : snapshot()) served.connection.Close();
+    }
+
+private:
+    struct Served {
+        AppServiceConnection connection{nullptr};
+        com_ptr<BackgroundTaskInstance> task;
+    };
+
+    std::vector<Served> snapshot() const {
+        std::lock_guard lock(mutex_);
+        std::vector<Served> all;
+        for (const auto& [id, served] : served_) all.push_back(served);
+        return all;
+    }
+
+    void forget(std::uint64_t id) {
+        Served gone;  // let go outside the lock
+        std::lock_guard lock(mutex_);
+        const auto found = served_.find(id);
+        if (found == served_.end()) return;
+        gone = std::move(found->second);
+        served_.erase(found);
+        // Inside the lock: once the loop sees the count at zero, no thread
+        // touches this object any more.
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wake_, &one, sizeof one);
+    }
+
+    const int wake_;
+    mutable std::mutex mutex_;  // guards served_ and lastId_
+    std::map<std::uint64_t, Served> served_;
+    std::uint64_t lastId_ = 0;
+};
+
+AppServiceHost::AppServiceHost(const HostOptions& options, const ServiceLibrary& library,
+                               sd_bus* bus)
+    : options_(options),
+      library_(library),
+      bus_(bus),
+      served_(std::make_shared<ServedConnections>()) {}
+
+AppServiceHost::~AppServiceHost() {
+    sd_bus_flush_close_unref(bus_);
+    sd_event_unref(event_);
+}
+
+int AppServiceHost::run() {
+    static const sd_bus_vtable vtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("Open", "s", "h", &AppServiceHost::onOpen, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+
+    const auto check = [](int result, const char* step) {
+        if (result < 0) throw std::system_error(-result, std::generic_category(), step);
+    };
+    check(sd_event_new(&event_), "sd_event_new");
+    check(sd_bus_attach_event(bus_, event_, SD_EVENT_PRIORITY_NORMAL), "sd_bus_attach_event");
+    check(sd_bus_set_exit_on_disconnect(bus_, 1), "sd_bus_set_exit_on_disconnect");
+    // Registered before the name is asked for: the bus delivers the call
+    // that activated us as soon as we own the name.
+    check(sd_bus_add_object_vtable(bus_, nullptr, AppServiceBus::objectPath,
+                                   AppServiceBus::interfaceName, vtable, this),
+          "sd_bus_add_object_vtable");
+    for (const int signal : {SIGTERM, SIGINT}) {
+        check(sd_event_add_signal(event_, nullptr, signal, &AppServiceHost::onSignal, this),
+              "sd_event_add_signal");
+    }
+    check(sd_event_add_io(event_, nullptr, served_->wakeDescriptor(), EPOLLIN,
+                          &AppServiceHost::onConnectionEnded, this),
+          "sd_event_add_io");
+    check(sd_event_add_time_relative(event_, &idleTimer_, CLOCK_MONOTONIC,
+                                     microseconds(options_.idleExit), 1000,
+                                     &AppServiceHost::onIdleTimer, this),
+          "sd_event_add_time_relative");
+
+    if (const int taken = sd_bus_request_name(bus_, options_.packageFamilyName.c_str(), 0);
+        taken < 0) {
+        logFailure("cannot own the bus name " + options_.packageFamilyName + ": " +
+                   std::strerror(-taken));
+        return 1;
+    }
+    int status = sd_event_loop(event_);
+    if (!nameReleased_) {
+        // The loop ended because the bus went away.
+        logFailure("lost the session bus; ending every connection");
+        endEverything();
+        status = 1;
+    }
+    awaitUnload();
+    return status;
+}
+
+int AppServiceHost::onOpen(sd_bus_message* call, void* self, sd_bus_error* error) {
+    return static_cast<AppServiceHost*>(self)->open(call, error);
+}
+
+int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
+    const char* name = nullptr;
+    if (const int read = sd_bus_message_read(call, "s", &name); read < 0) return read;
+    if (options_.appServiceName != name) {
+        return sd_bus_error_set(error, AppServiceBus::appServiceUnavailableError,
+                                "This package declares no app service of that name.");
+    }
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return sd_bus_error_set_errno(error, errno);
+    }
+    try {
+        serve(ends[0]);
+    } catch (const HResultError& failure) {
+        ::close(ends[1]);
+        return sd_bus_error_setf(
+            error, SD_BUS_ERROR_FAILED, "The app service could not be started: 0x%08X %s",
+            static_cast<unsigned>(failure.code()), utf16ToUtf8(failure.message()).c_str());
+    } catch (const std::exception& failure) {
+        ::close(ends[1]);
+        return sd_bus_error_setf(error, SD_BUS_ERROR_FAILED,
+                                 "The app service could not be started: %s", failure.what());
+    }
+    const int answered = sd_bus_reply_method_return(call, "h", ends[1]);
+    // The reply carries a copy. If it could not be sent, the client's end
+    // goes here, and the served end sees its stream end: its task is
+    // cancelled like any other.
+    ::close(ends[1]);
+    if (answered < 0) {
+        logFailure(std::string("cannot answer an Open call: ") + std::strerror(-answered));
+    }
+    return 1;
+}
+
+// The task runs before the client gets its end, so that no request can
+// arrive before the service listens.
+void AppServiceHost::serve(int descriptor) {
+    const AppServiceConnection connection = AppServiceConnection::fromSocket(descriptor);
+    const auto task = BackgroundTaskInstance::forConnection(connection);
+    served_->add(connection, task);
+    try {
+        task->run(*library_.activate(hstring(utf8ToUtf16(options_.entryPoint))));
+    } catch (...) {
+        connection.Close();
+        throw;
+    }
+}
+
+int AppServiceHost::onConnectionEnded(sd_event_source*, int, std::uint32_t, void* self) {
+    auto& host = *static_cast<AppServiceHost*>(self);
+    host.served_->drainWakeups();
+    if (host.served_->count() > 0) return 0;
+    if (host.nameReleased_) {
+        sd_event_exit(host.event_, 0);
+    } else {
+        host.armIdleTimer(microseconds(host.options_.idleExit));
+    }
+    return 0;
+}
+
+int AppServiceHost::onIdleTimer(sd_event_source*, std::uint64_t, void* self) {
+    auto& host = *static_cast<AppServiceHost*>(self);
+    // A connection is open: its end arms the timer again.
+    if (host.served_->count() > 0) return 0;
+    if (!host.library_.canUnloadNow()) {
+        host.armIdleTimer(microseconds(unloadRetry));
+        return 0;
+    }
+    host.exitWhenIdle();
+    return 0;
+}
+
+int AppServiceHost::onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self) {
+    auto& host = *static_cast<AppServiceHost*>(self);
+    host.releaseName();
+    host.endEverything();
+    sd_event_exit(host.event_, 0);
+    return 0;
+}
+
+void AppServiceHost::armIdleTimer(std::uint64_t afterMicroseconds) {
+    sd_event_source_set_time_relative(idleTimer_, afterMicroseconds);
+    sd_event_source_set_enabled(idleTimer_, SD_EVENT_ONESHOT);
+}
+
+// The name goes first, so that a call sent from now on starts a new host
+// instead of waiting on this one. Calls that reached us before are served.
+void AppServiceHost::exitWhenIdle() {
+    releaseName();
+    while (sd_bus_process(bus_, nullptr) > 0) {
+    }
+    if (served_->count() == 0) sd_event_exit(event_, 0);
+}
+
+void AppServiceHost::releaseName() {
+    if (nameReleased_) return;
+    nameReleased_ = true;
+    if (const int released = sd_bus_release_name(bus_, options_.packageFamilyName.c_str());
+        released < 0 && sd_bus_is_open(bus_) > 0) {
+        logFailure(std::string("cannot release the bus name: ") + std::strerror(-released));
+    }
+}
+
+void AppServiceHost::endEverything() {
+    served_->cancelAll();
+    served_->closeAll();
+}
+
+// Services let go of the library on pool threads after their connections
+// end; leaving before they have would tear the process down under them.
+void AppServiceHost::awaitUnload() {
+    const auto deadline = std::chrono::steady_clock::now() + unloadPatience;
+    while (served_->count() > 0 || !library_.canUnloadNow()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            logFailure("services were still alive at exit");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+}  // namespace Quorvendale::AppHost

@@ -1,0 +1,64 @@
+// The host's service loop: it owns the package's bus name, answers Open by
+// starting a background task on one end of a new socket, and decides when
+// to end.
+//
+// Only the loop's thread touches the bus. Served connections end on the
+// runtime's pool threads, which tell the loop through an eventfd.
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <memory>
+
+#include "HostOptions.h"
+#include "ServiceLibrary.h"
+
+namespace Quorvendale::AppHost {
+
+class ServedConnections;
+
+class AppServiceHost {
+public:
+    // Takes over the bus connection.
+    AppServiceHost(const HostOptions& options, const ServiceLibrary& library, sd_bus* bus);
+    ~AppServiceHost();
+    AppServiceHost(const AppServiceHost&) = delete;
+    AppServiceHost& operator=(const AppServiceHost&) = delete;
+
+    // Serves until one of:
+    //  - nothing has been served for the idle time and the library can be
+    //    unloaded: the name is released first, then what the bus had already
+    //    queued for us is still served; 0;
+    //  - SIGTERM or SIGINT (which the caller must have blocked in every
+    //    thread): the name is released, every task cancelled and every
+    //    connection closed; 0;
+    //  - the bus goes away: as on SIGTERM, but 1.
+    // Exits 1 at once when the name cannot be taken. SIGTERM and SIGINT must
+    // be blocked in every thread before the host is made.
+    int run();
+
+private:
+    static int onOpen(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self);
+    static int onIdleTimer(sd_event_source*, std::uint64_t, void* self);
+    static int onConnectionEnded(sd_event_source*, int, std::uint32_t, void* self);
+
+    int open(sd_bus_message* call, sd_bus_error* error);
+    void serve(int descriptor);
+    void armIdleTimer(std::uint64_t afterMicroseconds);
+    void exitWhenIdle();
+    void releaseName();
+    void endEverything();
+    void awaitUnload();
+
+    const HostOptions& options_;
+    const ServiceLibrary& library_;
+    sd_bus* bus_;
+    sd_event* event_ = nullptr;
+    sd_event_source* idleTimer_ = nullptr;
+    std::shared_ptr<ServedConnections> served_;
+    bool nameReleased_ = false;
+};
+
+}  // namespace Quorvendale::AppHost

@@ -1,0 +1,85 @@
+// quorvendale-apphost: the host of a package's app service, started on demand
+// by D-Bus activation (see --help, and HostOptions.h).
+#include <signal.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "AppServiceHost.h"
+#include "HostLog.h"
+#include "Platform/AppServiceBus.h"
+#include "Platform/ApplicationData.h"
+#include "Platform/TextConversion.h"
+#include "Sandbox.h"
+
+using namespace Quorvendale;
+using namespace Quorvendale::AppHost;
+
+namespace {
+
+// Termination arrives through the host's loop; every thread, made later,
+// inherits the mask and leaves the signals to it.
+void blockTerminationSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+// The bus that started us, else the session bus.
+std::string busAddress() {
+    const char* starter = std::getenv("DBUS_STARTER_ADDRESS");
+    return starter && *starter ? starter : Platform::AppServiceBus::sessionBusAddress();
+}
+
+int serve(const HostOptions& options) {
+    // The package identity: ApplicationData and the store find their folder by it.
+    ::setenv("QUORVENDALE_PACKAGE_FAMILY_NAME", options.packageFamilyName.c_str(), 1);
+    const ServiceLibrary library(options.libraryPath);
+    if (!library.activates(Platform::hstring(Platform::utf8ToUtf16(options.entryPoint)))) {
+        logFailure(options.libraryPath + " does not activate " + options.entryPoint);
+        return 1;
+    }
+    const std::string localState =
+        Platform::utf16ToUtf8(Platform::ApplicationData::Current().LocalFolder().Path());
+
+    const std::string address = busAddress();
+    sd_bus* bus = Platform::AppServiceBus::connect(address);
+    if (bus == nullptr) {
+        logFailure("cannot connect to the bus at \"" + address + "\"");
+        return 1;
+    }
+    AppServiceHost host(options, library, bus);
+    // Last, with everything loaded and made, and before any thread starts.
+    if (confineTo(localState) == Confinement::Unsupported) {
+        logFailure("this kernel has no Landlock: serving without confinement to " + localState);
+    }
+    return host.run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    blockTerminationSignals();
+    const ParsedCommandLine parsed = parseCommandLine(argc, argv);
+    switch (parsed.outcome) {
+        case ParseOutcome::Help:
+            std::fputs(usage(argv[0]).c_str(), stdout);
+            return 0;
+        case ParseOutcome::UsageError:
+            logFailure(parsed.error + " (see --help)");
+            return 2;
+        case ParseOutcome::Run:
+            break;
+    }
+    try {
+        return serve(parsed.options);
+    } catch (const Platform::HResultError& error) {
+        logFailure(Platform::utf16ToUtf8(error.message()));
+    } catch (const std::exception& error) {
+        logFailure(error.what());
+    }
+    return 1;
+}
