@@ -60,7 +60,7 @@ struct Error {
     Error(const Error&) = delete;
     Error& operator=(const Error&) = delete;
     ~Error() { sd_bus_error_free(&error); }
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
 };
 
 // Bus connections between opens, so that an open to a running host costs one

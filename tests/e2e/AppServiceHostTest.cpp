@@ -222,7 +222,7 @@ TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
         EXPECT_EQ(write(connection, "g", "k", "kept"), success);
         connection.Close();
     }
-    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0));
+    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0)) << bus_->log();
     EXPECT_FALSE(bus_->ownerOf(storagePackage).has_value());
 
     const AppServiceConnection connection = openStorage();
@@ -243,7 +243,7 @@ TEST_F(AppServiceHostTest, SigtermEndsEveryConnectionAndTheHostExitsZero) {
     ::kill(first, SIGTERM);
     ::kill(first, SIGCONT);
     await(pending);  // answered or failed, but never left waiting
-    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0));
+    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0)) << bus_->log();
     EXPECT_TRUE(eventually([&] { return closed == 2; }));
     EXPECT_EQ(await(connections[1].SendMessageAsync(ValueSet())).Status(),
               AppServiceResponseStatus::Failure);
@@ -289,7 +289,7 @@ TEST_F(AppServiceHostTest, GarbageOnOneSocketEndsOnlyThatConnection) {
     sd_bus* bus = AppServiceBus::connect(bus_->address());
     ASSERT_NE(bus, nullptr);
     sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
     ASSERT_GE(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
                                  AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
                                  &reply, "s", storageAppService),

@@ -122,6 +122,8 @@ AppServiceHost::AppServiceHost(const HostOptions& options, const ServiceLibrary&
       served_(std::make_shared<ServedConnections>()) {}
 
 AppServiceHost::~AppServiceHost() {
+    sd_event_source_unref(idleTimer_);
+    sd_bus_detach_event(bus_);
     sd_bus_flush_close_unref(bus_);
     sd_event_unref(event_);
 }

@@ -28,6 +28,8 @@ constexpr std::uint64_t storeRights =
     LANDLOCK_ACCESS_FS_REMOVE_DIR | LANDLOCK_ACCESS_FS_REMOVE_FILE | LANDLOCK_ACCESS_FS_MAKE_DIR |
     LANDLOCK_ACCESS_FS_MAKE_REG | LANDLOCK_ACCESS_FS_REFER | LANDLOCK_ACCESS_FS_TRUNCATE;
 
+constexpr std::uint64_t readRights = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
+
 // Everything the kernel of each Landlock version can deny: what is handled
 // and not granted is denied everywhere.
 constexpr std::uint64_t rightsOfVersion1 = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
@@ -62,9 +64,20 @@ private:
     int descriptor_;
 };
 
+// Grants `rights` (those of them the ruleset handles) beneath the folder.
+void allow(int rules, std::uint64_t handled, const std::string& folder, std::uint64_t rights) {
+    const Descriptor root(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (root.get() < 0) fail("open of a folder to confine to");
+    const landlock_path_beneath_attr beneath{.allowed_access = rights & handled,
+                                             .parent_fd = root.get()};
+    if (::syscall(SYS_landlock_add_rule, rules, LANDLOCK_RULE_PATH_BENEATH, &beneath, 0) != 0) {
+        fail("landlock_add_rule");
+    }
+}
+
 }  // namespace
 
-Confinement confineTo(const std::string& folder) {
+Confinement confineTo(const std::string& folder, const std::vector<std::string>& readable) {
     const long version = landlockVersion();
     if (version < 0 && (errno == ENOSYS || errno == EOPNOTSUPP)) return Confinement::Unsupported;
     if (version < 1) fail("landlock_create_ruleset");
@@ -74,15 +87,9 @@ Confinement confineTo(const std::string& folder) {
     const Descriptor rules(
         static_cast<int>(::syscall(SYS_landlock_create_ruleset, &ruleset, sizeof ruleset, 0)));
     if (rules.get() < 0) fail("landlock_create_ruleset");
+    allow(rules.get(), handled, folder, storeRights);
+    for (const std::string& other : readable) allow(rules.get(), handled, other, readRights);
 
-    const Descriptor root(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (root.get() < 0) fail("open of the folder to confine to");
-    const landlock_path_beneath_attr beneath{.allowed_access = storeRights & handled,
-                                             .parent_fd = root.get()};
-    if (::syscall(SYS_landlock_add_rule, rules.get(), LANDLOCK_RULE_PATH_BENEATH, &beneath, 0) !=
-        0) {
-        fail("landlock_add_rule");
-    }
     // Without it an unprivileged process may not restrict itself; it also
     // keeps a program it might start from gaining rights.
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) fail("prctl(PR_SET_NO_NEW_PRIVS)");

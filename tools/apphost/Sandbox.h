@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace Quorvendale::AppHost {
 
@@ -15,9 +16,10 @@ enum class Confinement {
     Unsupported,  // the kernel has no Landlock: the process runs unconfined
 };
 
-// Confines the calling process to the folder, for good. Call it before the
-// process starts any thread: threads that already run stay unconfined.
-// Throws std::system_error when the kernel offers Landlock but refuses it.
-Confinement confineTo(const std::string& folder);
+// Confines the calling process to the folder, for good; the folders in
+// `readable` may still be read, and nothing else. Call it before the process
+// starts any thread: threads that already run stay unconfined. Throws
+// std::system_error when the kernel offers Landlock but refuses it.
+Confinement confineTo(const std::string& folder, const std::vector<std::string>& readable = {});
 
 }  // namespace Quorvendale::AppHost
