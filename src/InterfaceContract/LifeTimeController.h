@@ -81,4 +81,10 @@ private:
 // The base that the library's objects name.
 class InterfacedObject : public LifeTimeController<0> {};
 
+// The chain link through which an Implementation object answers Interface:
+// a member of the object, linked in its constructor.
+template <class Interface, class Implementation>
+using InterfaceContainer = Details::RemapContainer<
+    Details::RemapPatch<Details::InterfaceRemap<Interface, Implementation, Implementation>>>;
+
 }  // namespace Quorvendale::InterfaceContract

@@ -24,10 +24,7 @@ protected:
     BasicStorageClient() noexcept { link(storageContainer_, this); }
 
 private:
-    using Remap = InterfaceContract::Details::InterfaceRemap<IStorage, BasicStorageClient,
-                                                             BasicStorageClient>;
-    InterfaceContract::Details::RemapContainer<InterfaceContract::Details::RemapPatch<Remap>>
-        storageContainer_;
+    InterfaceContract::InterfaceContainer<IStorage, BasicStorageClient> storageContainer_;
 };
 
 }  // namespace Quorvendale::StorageClient

@@ -1,19 +1,41 @@
 #include "Library.h"
 
-#include <stdexcept>
-
 #include "InterfaceContract/OutSlot.h"
+#include "LogLine.h"
+#include "Platform/HResultError.h"
 #include "RemoteStorageClient.h"
+#include "Uwp/UwpLocalStorageClient.h"
 
 namespace Quorvendale::StorageClient {
+
+// The boundary's result codes are the platform's HRESULTs, bit for bit.
+static_assert(QV_S_OK == static_cast<ResultCode>(Platform::S_OK));
+static_assert(QV_E_NOINTERFACE == static_cast<ResultCode>(Platform::E_NOINTERFACE));
+static_assert(QV_E_POINTER == static_cast<ResultCode>(Platform::E_POINTER));
+static_assert(QV_E_FAIL == static_cast<ResultCode>(Platform::E_FAIL));
+static_assert(QV_E_INVALIDARG == static_cast<ResultCode>(Platform::E_INVALIDARG));
+static_assert(QV_E_OUTOFMEMORY == static_cast<ResultCode>(Platform::E_OUTOFMEMORY));
 
 void Library::createRemoteStorageClient(const std::string& address, std::uint32_t port,
                                         IStorage** out) {
     InterfaceContract::handOut(*new RemoteStorageClient(address, port), IID_IStorage, out);
 }
 
-void Library::createUwpLocalStorageClient(IStorage**) {
-    throw std::runtime_error("the local storage client is not available in this build");
+// A client that cannot connect is no failure of this call: the caller gets
+// S_OK and a null pointer, and the reason goes to standard output.
+void Library::createUwpLocalStorageClient(IStorage** out) {
+    IStorage* storage = nullptr;
+    try {
+        auto* client = new UwpLocalStorageClient();
+        client->queryInterface(&IID_IStorage, reinterpret_cast<void**>(&storage));
+    } catch (const std::exception& error) {
+        logLine("Error: UwpClient connection failed");
+        logLine(error.what());
+    } catch (...) {
+        logLine("Error: UwpClient connection failed (unknown exception)");
+    }
+    InterfaceContract::assignOutSlot(out, storage);
+    if (storage != nullptr) storage->table->release(storage);
 }
 
 }  // namespace Quorvendale::StorageClient

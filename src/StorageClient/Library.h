@@ -18,9 +18,7 @@ public:
     void createUwpLocalStorageClient(IStorage** out);
 
 private:
-    using Remap = InterfaceContract::Details::InterfaceRemap<ILibrary, Library, Library>;
-    InterfaceContract::Details::RemapContainer<InterfaceContract::Details::RemapPatch<Remap>>
-        libraryContainer_;
+    InterfaceContract::InterfaceContainer<ILibrary, Library> libraryContainer_;
 };
 
 }  // namespace Quorvendale::StorageClient

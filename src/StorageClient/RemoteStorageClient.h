@@ -53,10 +53,7 @@ protected:
     virtual RemoteResponse sendMessage(const RemoteRequest& request);
 
 private:
-    using Remap = InterfaceContract::Details::InterfaceRemap<IStorage, RemoteStorageClient,
-                                                             RemoteStorageClient>;
-    InterfaceContract::Details::RemapContainer<InterfaceContract::Details::RemapPatch<Remap>>
-        storageContainer_;
+    InterfaceContract::InterfaceContainer<IStorage, RemoteStorageClient> storageContainer_;
 
     const std::string host_;
     const std::uint32_t port_;

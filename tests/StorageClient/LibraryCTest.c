@@ -120,6 +120,25 @@ static void checkExceptionData(ILibrary* library) {
     CHECK(captured.calls == 1 && captured.length == 0);
 }
 
+/* Run on a bus where no storage service is installed: the library hands out
+ * no local client, yet the call succeeds (the reason goes to standard
+ * output), and an out-slot that held a client has it released. */
+static void checkLocalClientWithoutService(ILibrary* library) {
+    IStorage* storage = NULL;
+    IStorage* held = NULL;
+
+    CHECK(library->table->createUwpLocalStorageClient(library, &storage) == QV_S_OK);
+    CHECK(storage == NULL);
+
+    CHECK(library->table->createRemoteStorageClient(library, "", 0, 1, &held) == QV_S_OK);
+    if (held == NULL) return;
+    held->table->addRef(held); /* one for the slot, one kept here */
+    storage = held;
+    CHECK(library->table->createUwpLocalStorageClient(library, &storage) == QV_S_OK);
+    CHECK(storage == NULL);
+    CHECK(held->table->release(held) == 0);
+}
+
 int main(int argc, char** argv) {
     void* module;
     GetLibraryInterfaceFunction getLibrary;
@@ -152,6 +171,7 @@ int main(int argc, char** argv) {
 
     checkQueryInterface(first);
     checkExceptionData(first);
+    checkLocalClientWithoutService(first);
 
     /* An out-slot that already holds a pointer has it released by the call. */
     second->table->addRef(second); /* one for the slot, one kept here */

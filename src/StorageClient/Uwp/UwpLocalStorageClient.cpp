@@ -1,0 +1,275 @@
+#include "UwpLocalStorageClient.h"
+
+#include <optional>
+#include <semaphore>
+#include <stdexcept>
+#include <thread>
+
+#include "InterfaceContract/ErrorReport.h"
+#include "Platform/Apartment.h"
+#include "Platform/TextConversion.h"
+#include "StorageClient/LogLine.h"
+
+namespace Quorvendale::StorageClient {
+
+using namespace Platform;
+
+namespace {
+
+const hstring& keyOf(UwpLocalStorageClient::RequestField field) {
+    static const hstring keys[] = {u"command", u"group", u"key", u"data"};
+    return keys[static_cast<int>(field)];
+}
+
+// A platform message handed to narrow text as it stands: its UTF-16 bytes
+// read up to the first zero byte, so that plain text keeps only its first
+// character. Callers have always seen it so; it is kept on purpose.
+std::string narrowAsItStands(const hstring& message) {
+    return std::string(reinterpret_cast<const char*>(message.c_str()));
+}
+
+// Blocks until the operation has ended, without a time limit, and gives its
+// result: the platform's cancellation error for a cancelled operation, its
+// error for a failed one.
+template <class T>
+T waitFor(const IAsyncOperation<T>& operation) {
+    if (operation.Status() == AsyncStatus::Started) {
+        // Shared with the handler, which may still be leaving release()
+        // when this thread wakes.
+        const auto ended = std::make_shared<std::binary_semaphore>(0);
+        operation.Completed([ended](auto&, auto) { ended->release(); });
+        ended->acquire();
+    }
+    if (operation.Status() == AsyncStatus::Canceled) throw HResultError(ERROR_CANCELLED);
+    return operation.GetResults();
+}
+
+// The body of a worker thread: the task in the multithreaded apartment, and
+// whatever it throws (a failing apartment included) as a plain text.
+std::optional<std::runtime_error> runInApartment(const std::function<void()>& task) {
+    try {
+        const HRESULT joined = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        if (joined < 0) throw HResultError(joined);
+        struct Leave {
+            ~Leave() { CoUninitialize(); }
+        } leave;
+        task();
+        return std::nullopt;
+    } catch (const std::exception& error) {
+        return std::runtime_error(error.what());
+    } catch (const HResultError& error) {
+        return std::runtime_error(narrowAsItStands(error.message()));
+    } catch (...) {
+        return std::runtime_error("executeWinRT: unknown error");
+    }
+}
+
+// One attempt: a worker thread of its own, joined before this returns.
+std::optional<std::runtime_error> attempt(const std::function<void()>& task) {
+    std::optional<std::runtime_error> failure;
+    std::thread worker([&] { failure = runInApartment(task); });
+    worker.join();
+    return failure;
+}
+
+}  // namespace
+
+// How the connection's events reach the client: through a pointer that the
+// client clears, waiting for a running handler, before it goes.
+class UwpLocalStorageClient::EventTarget {
+public:
+    explicit EventTarget(UwpLocalStorageClient& client)
+        : target_(std::make_shared<Target>(&client)) {}
+    ~EventTarget() {
+        std::lock_guard lock(target_->mutex);
+        target_->client = nullptr;
+    }
+    EventTarget(const EventTarget&) = delete;
+    EventTarget& operator=(const EventTarget&) = delete;
+
+    AppServiceConnection::ServiceClosedHandler serviceClosed() const {
+        return [target = target_](const AppServiceConnection& sender,
+                                  const AppServiceClosedEventArgs& args) {
+            std::lock_guard lock(target->mutex);
+            if (target->client != nullptr) target->client->onServiceClosed(sender, args);
+        };
+    }
+
+private:
+    struct Target {
+        explicit Target(UwpLocalStorageClient* to) : client(to) {}
+        std::mutex mutex;  // guards client, and is held while a handler uses it
+        UwpLocalStorageClient* client;
+    };
+    std::shared_ptr<Target> target_;
+};
+
+UwpLocalStorageClient::UwpLocalStorageClient() : events_(std::make_unique<EventTarget>(*this)) {
+    connect();
+}
+
+UwpLocalStorageClient::~UwpLocalStorageClient() = default;
+
+std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectionStatus status) {
+    static constexpr std::string_view names[] = {
+        "Success",
+        "AppNotInstalled",
+        "AppUnavailable",
+        "AppServiceUnavailable",
+        "Unknown",
+        "RemoteSystemUnavailable",
+        "RemoteSystemNotSupportedByApp",
+        "NotAuthorized",
+    };
+    const auto value = static_cast<std::size_t>(status);
+    return value < std::size(names) ? names[value] : "UnknownAppServiceConnectionStatus";
+}
+
+std::string UwpLocalStorageClient::read(const std::string& group, const std::string& key) {
+    std::string value;
+    executeWinRT([&, group, key] {
+        executeCommand({{RequestField::Command, "read"},
+                        {RequestField::Group, group},
+                        {RequestField::Key, key}},
+                       &value);
+    });
+    return value;
+}
+
+void UwpLocalStorageClient::write(const std::string& group, const std::string& key,
+                                  const std::string& data) {
+    executeWinRT([&, group, key, data] {
+        executeCommand({{RequestField::Command, "write"},
+                        {RequestField::Group, group},
+                        {RequestField::Key, key},
+                        {RequestField::Data, data}});
+    });
+}
+
+void UwpLocalStorageClient::remove(const std::string& group, const std::string& key) {
+    executeWinRT([&, group, key] {
+        executeCommand({{RequestField::Command, "remove"},
+                        {RequestField::Group, group},
+                        {RequestField::Key, key}});
+    });
+}
+
+std::string UwpLocalStorageClient::next(const std::string& group, const std::string& key) {
+    std::string following;
+    executeWinRT([&, group, key] {
+        executeCommand({{RequestField::Command, "next"},
+                        {RequestField::Group, group},
+                        {RequestField::Key, key}},
+                       &following);
+    });
+    return following;
+}
+
+// The probe runs once, on one worker: no reconnect and no retry. The worker
+// joins its apartment twice and leaves it as the platform's callers always
+// have: once, and once more only when the first join was the first.
+bool UwpLocalStorageClient::exists() {
+    bool answered = false;
+    std::thread worker([&] {
+        const HRESULT first = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        try {
+            const HRESULT second = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+            if (second < 0) throw HResultError(second);
+            sendMessage(ValueSet());
+            answered = true;
+        } catch (...) {
+            try {
+                logLine("exception in UwpLocalStorageClient::exists()");
+            } catch (...) {
+            }
+        }
+        CoUninitialize();
+        if (first == S_OK) CoUninitialize();
+    });
+    worker.join();
+    return answered;
+}
+
+void UwpLocalStorageClient::connect() {
+    const auto connection = std::make_shared<AppServiceConnection>();
+    connection->AppServiceName(hstring(utf8ToUtf16(appServiceName)));
+    connection->PackageFamilyName(hstring(utf8ToUtf16(packageFamilyName)));
+    const event_token token = connection->ServiceClosed(events_->serviceClosed());
+    {
+        // The previous connection goes; its handler stays registered on it.
+        std::lock_guard lock(connectionMutex_);
+        connection_ = connection;
+        serviceClosedToken_ = token;
+    }
+    // An open that throws would reconnect from inside executeWinRT before
+    // its retry; a status, even a failing one, is no throw.
+    AppServiceConnectionStatus status = AppServiceConnectionStatus::Unknown;
+    executeWinRT([&] { status = waitFor(connection->OpenAsync()); });
+    if (status != AppServiceConnectionStatus::Success) {
+        QV_THROW_ERROR_REPORT(std::string(connectionStatusName(status)));
+    }
+}
+
+void UwpLocalStorageClient::executeCommand(const Request& request) {
+    executeCommand(request, nullptr);
+}
+
+void UwpLocalStorageClient::executeCommand(const Request& request, std::string* response) {
+    ValueSet message;
+    for (const auto& [field, value] : request) {
+        message.Insert(keyOf(field), PropertyValue::CreateString(hstring(utf8ToUtf16(value))));
+    }
+    const ValueSet reply = sendMessage(message);
+    const hstring status = unbox_value<hstring>(reply.Lookup(u"status"));
+    if (status == hstring(u"success")) {
+        if (response == nullptr) return;
+        const auto text = reply.Lookup(u"response");
+        *response = text ? utf16ToUtf8(unbox_value<hstring>(text)) : std::string();
+        return;
+    }
+    QV_THROW_ERROR_REPORT(utf16ToUtf8(unbox_value<hstring>(reply.Lookup(u"response"))));
+}
+
+ValueSet UwpLocalStorageClient::sendMessage(const ValueSet& message) {
+    const Connection connection = currentConnection();
+    // Empty after the service closed it and the reconnect failed: a failed
+    // attempt, so that the retry reconnects.
+    if (!connection || !*connection) {
+        throw std::runtime_error("UwpLocalStorageClient::sendMessage: no connection");
+    }
+    const AppServiceResponse response = waitFor(connection->SendMessageAsync(message));
+    if (response.Status() != AppServiceResponseStatus::Success) {
+        throw std::runtime_error(
+            "response.Status() != TResponseStatus::Success in UwpLocalStorageClient::sendMessage");
+    }
+    return response.Message();
+}
+
+void UwpLocalStorageClient::executeWinRT(const std::function<void()>& task) {
+    if (!attempt(task)) return;
+    // A reconnect that fails leaves at once: the caller sees its error, and
+    // the first attempt's is dropped.
+    connect();
+    if (const auto failure = attempt(task)) throw *failure;
+}
+
+void UwpLocalStorageClient::onServiceClosed(const AppServiceConnection&,
+                                            const AppServiceClosedEventArgs&) {
+    {
+        std::lock_guard lock(connectionMutex_);
+        connection_.reset();
+    }
+    try {
+        connect();
+    } catch (...) {
+        // Nobody to tell on the event's thread: the next operation finds no
+        // connection, and its retry reconnects.
+    }
+}
+
+UwpLocalStorageClient::Connection UwpLocalStorageClient::currentConnection() const {
+    std::lock_guard lock(connectionMutex_);
+    return connection_;
+}
+
+}  // namespace Quorvendale::StorageClient
