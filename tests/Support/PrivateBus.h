@@ -88,22 +88,18 @@ public:
 
     // The process that owns the name now, if any.
     std::optional<pid_t> ownerOf(const std::string& name) const {
-        sd_bus* bus = nullptr;
-        if (sd_bus_new(&bus) < 0) return std::nullopt;
         std::optional<pid_t> owner;
-        sd_bus_message* reply = nullptr;
-        std::uint32_t pid = 0;
-        if (sd_bus_set_address(bus, addressText_.c_str()) >= 0 &&
-            sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0 &&
-            sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                               "org.freedesktop.DBus", "GetConnectionUnixProcessID", nullptr,
-                               &reply, "s", name.c_str()) >= 0 &&
-            sd_bus_message_read(reply, "u", &pid) >= 0) {
-            owner = static_cast<pid_t>(pid);
-        }
-        sd_bus_message_unref(reply);
-        sd_bus_flush_close_unref(bus);
+        askTheBus("GetConnectionUnixProcessID", name.c_str(), [&](sd_bus_message* reply) {
+            std::uint32_t pid = 0;
+            if (sd_bus_message_read(reply, "u", &pid) >= 0) owner = static_cast<pid_t>(pid);
+        });
         return owner;
+    }
+
+    // Makes the daemon read its service folder again now, rather than when
+    // it notices the change.
+    void reloadServices() const {
+        askTheBus("ReloadConfig", nullptr, [](sd_bus_message*) {});
     }
 
     // The exit status of a process this bus started, once it has ended (as
@@ -121,6 +117,24 @@ public:
     }
 
 private:
+    // Calls a method of the daemon itself with one string argument (or
+    // none), and hands a successful reply to `read`.
+    template <class Read>
+    void askTheBus(const char* method, const char* argument, Read read) const {
+        sd_bus* bus = nullptr;
+        if (sd_bus_new(&bus) < 0) return;
+        sd_bus_message* reply = nullptr;
+        if (sd_bus_set_address(bus, addressText_.c_str()) >= 0 &&
+            sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0 &&
+            sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", method, nullptr, &reply,
+                               argument ? "s" : "", argument) >= 0) {
+            read(reply);
+        }
+        sd_bus_message_unref(reply);
+        sd_bus_flush_close_unref(bus);
+    }
+
     static std::string configuration(const std::filesystem::path& socketFolder,
                                      const std::filesystem::path& serviceFolder,
                                      const Options& options) {
