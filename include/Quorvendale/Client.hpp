@@ -350,8 +350,13 @@ public:
 private:
     static std::runtime_error loadError(const std::string& path) {
         const char* reason = ::dlerror();
-        return std::runtime_error("cannot load " + path + ": " +
-                                  (reason != nullptr ? reason : "unknown reason"));
+        std::runtime_error error("cannot load " + path + ": " +
+                                 (reason != nullptr ? reason : "unknown reason"));
+        // The loader keeps the reason until it is asked once more; asking now
+        // lets it free the thread's error record at once instead of at the
+        // thread's end.
+        ::dlerror();
+        return error;
     }
 
     Ptr<ILibrary> library_;
