@@ -6,14 +6,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <functional>
-#include <iostream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -57,59 +52,36 @@ TEST(ClientPtr, EachOwnerHoldsOneReference) {
     ASSERT_EQ(countOf(object), 1u);
 
     Ptr<ILibrary> copy = library.ptr();
-    EXPECT_EQ(countOf(object), 2u);
+    Ptr<ILibrary> shared = Ptr<ILibrary>::share(object);
+    EXPECT_EQ(countOf(object), 3u);
     Ptr<ILibrary> moved = std::move(copy);
-    EXPECT_FALSE(copy);
-    EXPECT_EQ(moved.get(), object);
-    EXPECT_EQ(countOf(object), 2u);
-
+    EXPECT_TRUE(!copy && moved.get() == object);
     Ptr<ILibrary>& same = moved;
     moved = same;
     moved = std::move(same);
-    EXPECT_EQ(countOf(object), 2u);
-
-    Ptr<ILibrary> shared = Ptr<ILibrary>::share(object);
-    EXPECT_EQ(countOf(object), 3u);
     shared = moved;  // the same object again: one reference taken, one given back
     EXPECT_EQ(countOf(object), 3u);
     moved.reset();
-    EXPECT_FALSE(moved);
-    EXPECT_EQ(countOf(object), 2u);
-
     Ptr<ILibrary> adopted = Ptr<ILibrary>::adopt(shared.detach());
     EXPECT_EQ(countOf(object), 2u);
     adopted = nullptr;
     EXPECT_EQ(countOf(object), 1u);
-    {
-        const Library alsoLibrary = library;
-        EXPECT_EQ(countOf(object), 2u);
-    }
-    EXPECT_EQ(countOf(object), 1u);
-}
 
-TEST(ClientPtr, OutSlotsAreAdoptedAndStoragesShareTheirClient) {
-    const Library library(libraryPath);
-    ILibrary* const factory = library.ptr().get();
-
+    // An out-slot's pointer is adopted: the client that put() receives has
+    // count 1, and put() gives back what the Ptr held before.
     Ptr<IStorage> client;
-    ASSERT_EQ(factory->table->createRemoteStorageClient(factory, "", 0, 1, client.put()), QV_S_OK);
+    ASSERT_EQ(object->table->createRemoteStorageClient(object, "", 0, 1, client.put()), QV_S_OK);
+    const Storage storage(client);
     IStorage* const first = client.get();
-    EXPECT_EQ(countOf(first), 1u);
-    const Ptr<IStorage> kept = client;
-    ASSERT_EQ(factory->table->createRemoteStorageClient(factory, "", 0, 1, client.put()), QV_S_OK);
-    EXPECT_NE(client.get(), first);
-    EXPECT_EQ(countOf(first), 1u);  // put() gave back client's reference; kept holds the last
+    EXPECT_EQ(countOf(first), 2u);
+    ASSERT_EQ(object->table->createRemoteStorageClient(object, "", 0, 1, client.put()), QV_S_OK);
     EXPECT_EQ(countOf(client.get()), 1u);
-
-    const Storage storage = library.remote("127.0.0.1", 1);
-    IStorage* const remote = storage.ptr().get();
-    EXPECT_EQ(countOf(remote), 1u);
+    EXPECT_EQ(countOf(first), 1u);
     {
-        const Storage copy = storage;
-        EXPECT_EQ(copy.ptr().get(), remote);
-        EXPECT_EQ(countOf(remote), 2u);
+        const Storage copied = storage;
+        EXPECT_EQ(countOf(first), 2u);
     }
-    EXPECT_EQ(countOf(remote), 1u);
+    EXPECT_EQ(countOf(first), 1u);
     EXPECT_THROW(Storage{Ptr<IStorage>()}, std::invalid_argument);
 }
 
@@ -173,55 +145,20 @@ TEST(ClientLibrary, LoadFailuresNameThePathAndTheReason) {
     }
 }
 
-// What the library writes to standard output while `operation` runs.
-std::string standardOutputOf(const std::function<void()>& operation) {
-    TemporaryFolder folder;
-    const std::string file = (folder / "stdout").string();
-    std::fflush(stdout);
-    std::cout.flush();
-    const int saved = ::dup(1);
-    std::FILE* capture = std::fopen(file.c_str(), "w");
-    ::dup2(::fileno(capture), 1);
-    const auto restore = [&] {
-        std::fflush(stdout);
-        std::cout.flush();
-        ::dup2(saved, 1);
-        ::close(saved);
-        std::fclose(capture);
-    };
-    try {
-        operation();
-    } catch (...) {
-        restore();
-        throw;
-    }
-    restore();
-    std::ifstream printed(file);
-    return {std::istreambuf_iterator<char>(printed), std::istreambuf_iterator<char>()};
-}
-
-// With no bus to reach, the local client cannot connect: no client, and the
-// library's own two lines on standard output.
+// With no bus to reach, the local client cannot connect: no client (the
+// library's lines on standard output are checked where qvstore runs).
 TEST(ClientLibrary, LocalIsEmptyWhenTheServiceCannotBeReached) {
     const TemporaryFolder folder;
     const std::string noBus = "unix:path=" + (folder / "no-bus").string();
     const ScopedEnvironment bus("DBUS_SESSION_BUS_ADDRESS", noBus.c_str());
-    const Library library(libraryPath);
-
-    std::optional<Storage> storage;
-    std::string printed;
     try {
-        printed = standardOutputOf([&] { storage = library.local(); });
+        EXPECT_FALSE(Library(libraryPath).local());
     } catch (const Error& error) {
         // TRANSITIONAL, remove once slot 4 makes local clients: until then it
         // fails instead of answering S_OK with no client.
         EXPECT_EQ(error.code(), QV_E_FAIL);
         EXPECT_STREQ(error.what(), "the local storage client is not available in this build");
-        return;
     }
-    EXPECT_FALSE(storage);
-    EXPECT_EQ(printed.rfind("Error: UwpClient connection failed\n", 0), 0u) << printed;
-    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 2) << printed;
 }
 
 }  // namespace

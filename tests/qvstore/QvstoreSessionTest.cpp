@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Support/ProgramRun.h"
+#include "Support/TemporaryFolder.h"
 
 namespace {
 
@@ -23,9 +24,10 @@ void expectRun(const ProgramRun& run, int exitStatus, const std::string& output)
 TEST(QvstoreSession, EveryCommandAgainstTheLocalService) {
     const char* bus = std::getenv("QVSTORE_SESSION_BUS");
     if (bus == nullptr) GTEST_SKIP() << "needs a bus with the storage service: QVSTORE_SESSION_BUS";
+    const Quorvendale::Testing::TemporaryFolder folder;
     const auto qvstore = [&](std::vector<std::string> arguments, const std::string& input = {}) {
         arguments.insert(arguments.begin(), QVSTORE_PATH);
-        return Quorvendale::Testing::runProgram(arguments, input,
+        return Quorvendale::Testing::runProgram(arguments, folder.path(), input,
                                                 {std::string("DBUS_SESSION_BUS_ADDRESS=") + bus});
     };
     const std::string group = "qvstore-session-" + std::to_string(::getpid());

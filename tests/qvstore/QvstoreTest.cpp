@@ -4,8 +4,6 @@
 // bus of the machine: each names a bus address where nothing listens.
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,33 +19,30 @@
 namespace {
 
 using Quorvendale::Testing::ProgramRun;
-using Quorvendale::Testing::TemporaryFolder;
 
 const std::string refusal =
     "hostname is invalid or requires DNS lookup, which is not supported yet";
-const std::string helpHint = "Try 'qvstore --help' for more information.\n";
+
+std::string failed(const std::string& command, const std::string& text) {
+    return "qvstore: " + command + " failed (0x80004005): " + text + "\n";
+}
 
 class Qvstore : public testing::Test {
 protected:
     ProgramRun qvstore(std::vector<std::string> arguments, const std::string& input = {},
                        const std::string& program = QVSTORE_PATH) const {
         arguments.insert(arguments.begin(), program);
+        // A sanitizer build's leak checker lists the suppressions it used on
+        // standard error as the program ends; the tests read standard error whole.
+        const char* leakOptions = std::getenv("LSAN_OPTIONS");
         return Quorvendale::Testing::runProgram(
-            arguments, input, {"DBUS_SESSION_BUS_ADDRESS=" + noBus_, quietLeakChecker()});
+            arguments, folder_.path(), input,
+            {"DBUS_SESSION_BUS_ADDRESS=unix:path=" + (folder_ / "no-bus").string(),
+             "LSAN_OPTIONS=" + std::string(leakOptions ? leakOptions : "") +
+                 ":print_suppressions=0"});
     }
 
-    // A sanitizer build's leak checker lists the suppressions it used on
-    // standard error as the program ends; the tests read standard error whole.
-    static std::string quietLeakChecker() {
-        const char* options = std::getenv("LSAN_OPTIONS");
-        return std::string("LSAN_OPTIONS=") + (options != nullptr ? options : "") +
-               ":print_suppressions=0";
-    }
-
-    const TemporaryFolder folder_;
-
-private:
-    const std::string noBus_ = "unix:path=" + (folder_ / "no-bus").string();
+    const Quorvendale::Testing::TemporaryFolder folder_;
 };
 
 TEST_F(Qvstore, HelpAndVersionPrintAndSucceed) {
@@ -71,39 +66,25 @@ TEST_F(Qvstore, UsageErrorsExitTwoWithAHint) {
     const std::vector<std::vector<std::string>> commandLines = {
         {},
         {"frobnicate"},
-        {"--frobnicate", "exists"},
         {"exists", "-x"},
         {"read", "g"},
-        {"read", "g", "k", "extra"},
-        {"write", "g"},
         {"write", "g", "k", "data", "extra"},
-        {"remove", "g"},
         {"next"},
-        {"next", "g", "k", "extra"},
-        {"list"},
         {"list", "g", "k"},
-        {"exists", "extra"},
         {"exists", "--remote"},
         {"--remote", "127.0.0.1", "exists"},
         {"--remote", ":7000", "exists"},
-        {"--remote", "127.0.0.1:", "exists"},
-        {"--remote", "127.0.0.1:0", "exists"},
-        {"--remote", "127.0.0.1:65536", "exists"},
-        {"--remote=127.0.0.1:70x", "exists"},
+        {"--remote=127.0.0.1:65536", "exists"},
         {"--library=", "exists"},
     };
     for (const auto& arguments : commandLines) {
-        std::string line;
-        for (const auto& argument : arguments) line += argument + " ";
-        SCOPED_TRACE(line);
+        SCOPED_TRACE(testing::PrintToString(arguments));
         const ProgramRun run = qvstore(arguments);
         EXPECT_EQ(run.exitStatus, 2);
         EXPECT_EQ(run.output, "");
-        EXPECT_EQ(run.errors.rfind("qvstore: ", 0), 0u) << run.errors;
-        EXPECT_EQ(std::count(run.errors.begin(), run.errors.end(), '\n'), 2) << run.errors;
-        EXPECT_TRUE(
-            run.errors.size() >= helpHint.size() &&
-            run.errors.compare(run.errors.size() - helpHint.size(), helpHint.size(), helpHint) == 0)
+        const std::size_t hint = run.errors.find("\nTry 'qvstore --help' for more information.\n");
+        EXPECT_TRUE(run.errors.rfind("qvstore: ", 0) == 0 && hint != std::string::npos &&
+                    std::count(run.errors.begin(), run.errors.end(), '\n') == 2)
             << run.errors;
     }
 }
@@ -114,25 +95,20 @@ TEST_F(Qvstore, UsageErrorsExitTwoWithAHint) {
 TEST_F(Qvstore, RemoteFailuresExitOneWithTheStoresText) {
     const auto listener = Quorvendale::Testing::listenOnLoopback(8);
     const std::string address = "127.0.0.1:" + std::to_string(listener.port);
-    const std::vector<std::vector<std::string>> commandLines = {
-        {"--remote", address, "write", "g", "k", "data"},
-        {"--remote=" + address, "read", "g", "k"},
-        {"remove", "g", "k", "--remote", address},
-        {"--remote", address, "next", "g"},
-        {"--remote", address, "--", "next", "g", "--key"},
-        {"--remote", address, "list", "g"},
-        {"--remote", address, "exists"},
+    const std::vector<std::pair<std::string, std::vector<std::string>>> commandLines = {
+        {"write", {"--remote", address, "write", "g", "k", "data"}},
+        {"read", {"--remote=" + address, "read", "g", "k"}},
+        {"remove", {"remove", "g", "k", "--remote", address}},
+        {"next", {"--remote", address, "--", "next", "g", "--key"}},
+        {"list", {"--remote", address, "list", "g"}},
+        {"exists", {"--remote", address, "exists"}},
     };
-    for (const auto& arguments : commandLines) {
-        const std::string command = *std::find_if(arguments.begin(), arguments.end(), [](auto& a) {
-            return a == "write" || a == "read" || a == "remove" || a == "next" || a == "list" ||
-                   a == "exists";
-        });
+    for (const auto& [command, arguments] : commandLines) {
         SCOPED_TRACE(command);
         const ProgramRun run = qvstore(arguments);
         EXPECT_EQ(run.exitStatus, 1);
         EXPECT_EQ(run.output, "");
-        EXPECT_EQ(run.errors, "qvstore: " + command + " failed (0x80004005): " + refusal + "\n");
+        EXPECT_EQ(run.errors, failed(command, refusal));
     }
     pollfd pending{listener.descriptor, POLLIN, 0};
     EXPECT_EQ(::poll(&pending, 1, 0), 0) << "a connection reached the server";
@@ -144,20 +120,12 @@ TEST_F(Qvstore, RemoteFailuresExitOneWithTheStoresText) {
 TEST_F(Qvstore, WriteTakesStandardInputOnlyWithoutData) {
     std::string input(1 << 20, '\0');
     for (std::size_t i = 0; i < input.size(); ++i) input[i] = static_cast<char>(i * 7);
-    const std::string remote = "--remote=127.0.0.1:1";
-
-    const ProgramRun fromInput = qvstore({remote, "write", "g", "k"}, input);
+    const ProgramRun fromInput = qvstore({"--remote=127.0.0.1:1", "write", "g", "k"}, input);
     EXPECT_EQ(fromInput.inputTaken, input.size());
-    EXPECT_EQ(fromInput.exitStatus, 1);
-    EXPECT_EQ(fromInput.errors, "qvstore: write failed (0x80004005): " + refusal + "\n");
-
-    const ProgramRun fromEmptyInput = qvstore({remote, "write", "g", "k"});
-    EXPECT_EQ(fromEmptyInput.exitStatus, 1);
-    EXPECT_EQ(fromEmptyInput.errors, fromInput.errors);
-
-    const ProgramRun fromArgument = qvstore({remote, "write", "g", "k", "data"}, input);
-    EXPECT_LT(fromArgument.inputTaken, input.size());
-    EXPECT_EQ(fromArgument.exitStatus, 1);
+    EXPECT_EQ(fromInput.errors, failed("write", refusal));
+    const ProgramRun fromData = qvstore({"--remote=127.0.0.1:1", "write", "g", "k", "d"}, input);
+    EXPECT_EQ(fromData.inputTaken, 0u);
+    EXPECT_EQ(fromData.errors, failed("write", refusal));
 }
 
 TEST_F(Qvstore, LibraryThatCannotBeLoadedExitsOne) {
@@ -176,18 +144,15 @@ TEST_F(Qvstore, LibraryThatCannotBeLoadedExitsOne) {
 // An installed qvstore loads the library installed with it, found from its
 // own place, before the library of the build tree.
 TEST_F(Qvstore, InstalledCopyPrefersTheLibraryInstalledWithIt) {
-    const std::filesystem::path bin = folder_ / "bin";
-    const std::filesystem::path program = bin / "qvstore";
-    std::filesystem::create_directories(bin);
+    const std::filesystem::path program = folder_ / "bin" / "qvstore";
+    std::filesystem::create_directories(program.parent_path());
     std::filesystem::copy_file(QVSTORE_PATH, program);
     const std::vector<std::string> exists = {"--remote", "127.0.0.1:1", "exists"};
-
-    // Nothing installed beside it: the build tree's library answers.
-    EXPECT_EQ(qvstore(exists, {}, program).errors,
-              "qvstore: exists failed (0x80004005): " + refusal + "\n");
+    EXPECT_EQ(qvstore(exists, {}, program).errors, failed("exists", refusal));
 
     const std::filesystem::path installed =
-        (bin / QVSTORE_LIBRARY_FROM_PROGRAM_FOLDER / QV_LIBRARY_FILE_NAME).lexically_normal();
+        (program.parent_path() / QVSTORE_LIBRARY_FROM_PROGRAM_FOLDER / QV_LIBRARY_FILE_NAME)
+            .lexically_normal();
     std::filesystem::create_directories(installed.parent_path());
     std::ofstream(installed) << "not a library: loading it fails, and says which file it was\n";
     const ProgramRun run = qvstore(exists, {}, program);
@@ -205,8 +170,7 @@ TEST_F(Qvstore, LocalStoreOutOfReachExitsOne) {
         // TRANSITIONAL, remove once slot 4 makes local clients: until then it
         // fails instead of answering S_OK with no client.
         EXPECT_EQ(run.errors,
-                  "qvstore: exists failed (0x80004005): the local storage client is not "
-                  "available in this build\n");
+                  failed("exists", "the local storage client is not available in this build"));
         return;
     }
     EXPECT_EQ(run.output.rfind("Error: UwpClient connection failed\n", 0), 0u) << run.output;
