@@ -23,12 +23,19 @@ namespace Quorvendale::InterfaceContract {
  * standard HRESULT numbering. */
 typedef uint32_t ResultCode;
 
-#define QV_S_OK ((ResultCode)0x00000000u)
-#define QV_E_NOINTERFACE ((ResultCode)0x80004002u) /* queryInterface: no table answers */
-#define QV_E_POINTER ((ResultCode)0x80004003u)     /* queryInterface: null out-slot */
-#define QV_E_FAIL ((ResultCode)0x80004005u)        /* any other failure */
-#define QV_E_INVALIDARG ((ResultCode)0x80070057u)  /* std::invalid_argument */
-#define QV_E_OUTOFMEMORY ((ResultCode)0x8007000Eu) /* std::bad_alloc */
+/* The codes name their type in full, so that they work outside the C++
+ * namespace too. */
+#ifdef __cplusplus
+#define QV_RESULT_CODE(value) (static_cast<::Quorvendale::InterfaceContract::ResultCode>(value))
+#else
+#define QV_RESULT_CODE(value) ((ResultCode)(value))
+#endif
+#define QV_S_OK QV_RESULT_CODE(0x00000000u)
+#define QV_E_NOINTERFACE QV_RESULT_CODE(0x80004002u) /* queryInterface: no table answers */
+#define QV_E_POINTER QV_RESULT_CODE(0x80004003u)     /* queryInterface: null out-slot */
+#define QV_E_FAIL QV_RESULT_CODE(0x80004005u)        /* any other failure */
+#define QV_E_INVALIDARG QV_RESULT_CODE(0x80070057u)  /* std::invalid_argument */
+#define QV_E_OUTOFMEMORY QV_RESULT_CODE(0x8007000Eu) /* std::bad_alloc */
 
 /* The boolean out-value of the contract: true is all bits set, not 1.
  * Callers test for non-zero. */

@@ -11,6 +11,8 @@
 #include <string>
 #include <system_error>
 
+#include "Support/TemporaryFolder.h"
+
 namespace Quorvendale::Testing {
 
 // Sets (or, given null, unsets) one variable and restores it at the end.
@@ -25,27 +27,6 @@ public:
 private:
     const char* name_;
     std::optional<std::string> old_;
-};
-
-// A new empty folder under the system's temporary folder, removed with
-// everything in it at the end.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qv-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
 };
 
 class PackageFolder {

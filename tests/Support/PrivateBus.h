@@ -127,8 +127,8 @@ private:
         if (sd_bus_set_address(bus, addressText_.c_str()) >= 0 &&
             sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0 &&
             sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                               "org.freedesktop.DBus", method, nullptr, &reply,
-                               argument ? "s" : "", argument) >= 0) {
+                               "org.freedesktop.DBus", method, nullptr, &reply, argument ? "s" : "",
+                               argument) >= 0) {
             read(reply);
         }
         sd_bus_message_unref(reply);

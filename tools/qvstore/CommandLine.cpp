@@ -1,0 +1,162 @@
+#include "CommandLine.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace Quorvendale::Qvstore {
+namespace {
+
+struct CommandForm {
+    const char* name;
+    std::size_t fewestOperands;
+    std::size_t mostOperands;
+    const char* synopsis;
+    const char* description;  // lines after the first are indented to the description's column
+};
+
+constexpr CommandForm commandForms[] = {
+    {"write", 2, 3, "write GROUP KEY [DATA]",
+     "store DATA under KEY in GROUP (replacing any value);\n"
+     "without DATA, all of standard input, any bytes"},
+    {"read", 2, 2, "read GROUP KEY", "print the value stored under KEY, exactly as stored"},
+    {"remove", 2, 2, "remove GROUP KEY", "delete the value stored under KEY"},
+    {"next", 1, 2, "next GROUP [KEY]",
+     "print the key after KEY (the first one without KEY)\n"
+     "and a line feed; nothing after the last key"},
+    {"list", 1, 1, "list GROUP", "print every key of GROUP, one a line"},
+    {"exists", 0, 0, "exists", "succeed when the store answers; print nothing"},
+};
+
+const CommandForm* findCommand(std::string_view name) {
+    const auto* found = std::find_if(std::begin(commandForms), std::end(commandForms),
+                                     [&](const CommandForm& form) { return name == form.name; });
+    return found == std::end(commandForms) ? nullptr : found;
+}
+
+// HOST:PORT, split at the last colon, so that the host text may hold colons.
+// The host is handed to the client as it stands; the port must be a TCP port.
+RemoteAddress parseRemoteAddress(std::string_view text) {
+    const auto bad = [&] {
+        return UsageError("bad --remote '" + std::string(text) +
+                          "': expected HOST:PORT with PORT from 1 to 65535");
+    };
+    const std::size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos || colon == 0) throw bad();
+    const std::string_view digits = text.substr(colon + 1);
+    if (digits.empty() || digits.size() > 5 ||
+        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        throw bad();
+    }
+    const std::uint32_t port = static_cast<std::uint32_t>(std::stoul(std::string(digits)));
+    if (port == 0 || port > 65535) throw bad();
+    return {std::string(text.substr(0, colon)), port};
+}
+
+void checkOperandCount(const CommandForm& form, std::size_t count) {
+    if (count < form.fewestOperands || count > form.mostOperands) {
+        throw UsageError("wrong number of arguments for '" + std::string(form.name) +
+                         "'; usage: qvstore " + form.synopsis);
+    }
+}
+
+}  // namespace
+
+Invocation parseCommandLine(int argc, const char* const* argv) {
+    Invocation invocation;
+    std::vector<std::string> words;
+    bool optionsEnded = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        // A lone "-" and anything after "--" are words, not options.
+        if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
+            words.emplace_back(argument);
+            continue;
+        }
+        if (argument == "--") {
+            optionsEnded = true;
+            continue;
+        }
+        if (argument == "--help" || argument == "-h") {
+            invocation.action = Invocation::Action::help;
+            return invocation;
+        }
+        if (argument == "--version") {
+            invocation.action = Invocation::Action::version;
+            return invocation;
+        }
+        // --name VALUE or --name=VALUE
+        const std::size_t equals = argument.find('=');
+        const std::string_view name = argument.substr(0, equals);
+        if (name != "--remote" && name != "--library") {
+            throw UsageError("unknown option '" + std::string(argument) + "'");
+        }
+        std::string_view value;
+        if (equals != std::string_view::npos) {
+            value = argument.substr(equals + 1);
+        } else if (i + 1 < argc) {
+            value = argv[++i];
+        } else {
+            throw UsageError("option '" + std::string(name) + "' needs a value");
+        }
+        if (name == "--remote") {
+            invocation.remote = parseRemoteAddress(value);
+        } else if (value.empty()) {
+            throw UsageError("option '--library' needs a path");
+        } else {
+            invocation.library = std::string(value);
+        }
+    }
+
+    if (words.empty()) throw UsageError("no command given");
+    const CommandForm* form = findCommand(words.front());
+    if (form == nullptr) throw UsageError("unknown command '" + words.front() + "'");
+    invocation.command = form->name;
+    invocation.operands.assign(words.begin() + 1, words.end());
+    checkOperandCount(*form, invocation.operands.size());
+    return invocation;
+}
+
+std::string usage(const std::vector<std::string>& defaultLibraries) {
+    std::string text =
+        "Usage: qvstore [OPTIONS] COMMAND [ARGUMENTS]\n"
+        "\n"
+        "Reads and writes the Quorvendale key-value store (group -> key -> bytes)\n"
+        "through the local storage service, or a storage server with --remote.\n"
+        "\n"
+        "Commands:\n";
+    constexpr std::size_t column = 26;
+    for (const CommandForm& form : commandForms) {
+        std::string line = "  " + std::string(form.synopsis);
+        line.resize(std::max(column, line.size() + 2), ' ');
+        for (const char* c = form.description; *c != '\0'; ++c) {
+            line += *c;
+            if (*c == '\n') line.append(column, ' ');
+        }
+        text += line + "\n";
+    }
+    text +=
+        "\n"
+        "Options:\n"
+        "  --remote HOST:PORT      use the storage server at HOST:PORT instead of the\n"
+        "                          local storage service\n"
+        "  --library PATH          load the client library from PATH; without it, the\n"
+        "                          first that exists of the one installed with this\n"
+        "                          qvstore and the one of the build that made it:\n";
+    for (const std::string& path : defaultLibraries)
+        text += "                            " + path + "\n";
+    text +=
+        "  -h, --help              show this help and exit\n"
+        "  --version               show the version and exit\n"
+        "  --                      end of options: later words that begin with '-' are\n"
+        "                          groups, keys or data\n"
+        "\n"
+        "Values of the local storage service are UTF-8 text: a value ends at its first\n"
+        "zero byte. A value may be given as DATA or on standard input.\n"
+        "\n"
+        "Exit status: 0 on success (for exists: the store answered), 1 when the store\n"
+        "reports a failure or does not answer (its text on standard error), 2 for a\n"
+        "usage error.\n";
+    return text;
+}
+
+}  // namespace Quorvendale::Qvstore
