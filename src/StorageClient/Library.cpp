@@ -1,19 +1,47 @@
 #include "Library.h"
 
-#include <stdexcept>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <string_view>
 
 #include "InterfaceContract/OutSlot.h"
+#include "LocalStorageClient.h"
 #include "RemoteStorageClient.h"
 
 namespace Quorvendale::StorageClient {
+
+namespace {
+
+// One line on standard output, written whole and flushed.
+void logLine(std::string_view text) {
+    std::string line(text);
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fflush(stdout);
+}
+
+}  // namespace
 
 void Library::createRemoteStorageClient(const std::string& address, std::uint32_t port,
                                         IStorage** out) {
     InterfaceContract::handOut(*new RemoteStorageClient(address, port), IID_IStorage, out);
 }
 
-void Library::createUwpLocalStorageClient(IStorage**) {
-    throw std::runtime_error("the local storage client is not available in this build");
+// A client that cannot connect is no failure of the call: the caller gets
+// S_OK and a null pointer, and the reason goes to standard output.
+void Library::createUwpLocalStorageClient(IStorage** out) {
+    IStorage* client = nullptr;
+    try {
+        InterfaceContract::handOut(*newLocalStorageClient(), IID_IStorage, &client);
+    } catch (const std::exception& error) {
+        logLine("Error: UwpClient connection failed");
+        logLine(error.what());
+    } catch (...) {
+        logLine("Error: UwpClient connection failed (unknown exception)");
+    }
+    InterfaceContract::assignOutSlot(out, client);
+    if (client != nullptr) client->table->release(client);
 }
 
 }  // namespace Quorvendale::StorageClient
