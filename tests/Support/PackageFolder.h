@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "Support/TemporaryFolder.h"
+
 namespace Quorvendale::Testing {
 
 // Sets (or, given null, unsets) one variable and restores it at the end.
@@ -29,20 +31,14 @@ class PackageFolder {
 public:
     static constexpr const char* packageFamilyName = "Test.Package_0123456789abc";
 
-    ~PackageFolder() { std::filesystem::remove_all(base_); }
-    const std::filesystem::path& base() const { return base_; }
+    const std::filesystem::path& base() const { return base_.path(); }
     std::filesystem::path localState() const {
-        return base_ / "Packages" / packageFamilyName / "LocalState";
+        return base() / "Packages" / packageFamilyName / "LocalState";
     }
 
 private:
-    static std::filesystem::path makeTemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qv-XXXXXX").string();
-        return ::mkdtemp(pattern.data());
-    }
-
-    std::filesystem::path base_ = makeTemporaryFolder();
-    ScopedEnvironment dataHome_{"XDG_DATA_HOME", base_.c_str()};
+    TemporaryFolder base_;
+    ScopedEnvironment dataHome_{"XDG_DATA_HOME", base().c_str()};
     ScopedEnvironment package_{"QUORVENDALE_PACKAGE_FAMILY_NAME", packageFamilyName};
 };
 

@@ -1,0 +1,41 @@
+// A fresh folder under the system's temporary folder for the length of a
+// test, removed with everything in it.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace Quorvendale::Testing {
+
+class TemporaryFolder {
+public:
+    TemporaryFolder() : path_(make()) {}
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    static std::filesystem::path make() {
+        std::mt19937_64 names(std::random_device{}() ^
+                              std::chrono::steady_clock::now().time_since_epoch().count());
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            const auto path =
+                std::filesystem::temp_directory_path() / ("qv-" + std::to_string(names()));
+            if (std::filesystem::create_directory(path)) return path;
+        }
+        throw std::runtime_error("cannot make a temporary folder");
+    }
+
+    std::filesystem::path path_;
+};
+
+}  // namespace Quorvendale::Testing
