@@ -1,5 +1,9 @@
 # Build-wide flags and the helpers every folder uses to declare its targets.
 
+if(WIN32)
+  include(cmake/Windows.cmake)
+endif()
+
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
 if(QV_WERROR)
   add_compile_options(-Werror)
@@ -28,7 +32,9 @@ if(QV_FUZZ)
 endif()
 
 find_package(Threads REQUIRED)
-find_package(GTest REQUIRED)
+if(NOT WIN32)
+  find_package(GTest REQUIRED)
+endif()
 include(GoogleTest)
 
 # qv_add_test(<name> SOURCES <files...> LIBRARIES <targets...>)
