@@ -136,10 +136,10 @@ std::unique_ptr<SocketPrivateCommon> SocketPrivate::createFromHandle(SocketHandl
 bool SocketPrivate::connectNative(const SocketAddress& address,
                                   std::uint32_t timeoutMilliseconds) noexcept {
     if (!setBlocking(false)) return false;
-    sockaddr_storage native{};
-    std::memcpy(&native, address.bytes.data(), address.bytes.size());
-    const SOCKET socket = static_cast<SOCKET>(handle_);
-    if (::WSAConnect(socket, reinterpret_cast<const sockaddr*>(&native), address.size, nullptr,
+    sockaddr_storage peer{};
+    std::memcpy(&peer, address.bytes.data(), address.bytes.size());
+    const SOCKET socket = native(handle_);
+    if (::WSAConnect(socket, reinterpret_cast<const sockaddr*>(&peer), address.size, nullptr,
                      nullptr, nullptr, nullptr) == 0) {
         return true;
     }
