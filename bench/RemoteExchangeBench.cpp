@@ -46,7 +46,7 @@ class Server {
 public:
     Server() {
         const Testing::LoopbackListener listener = Testing::listenOnLoopback(64);
-        listener_ = listener.descriptor;
+        listener_ = static_cast<int>(listener.handle);
         port = listener.port;
         thread_ = std::thread([this] { serve(); });
     }

@@ -1,5 +1,9 @@
 # Build-wide flags and the helpers every folder uses to declare its targets.
 
+if(WIN32)
+  include(cmake/Windows.cmake)
+endif()
+
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
 if(QV_WERROR)
   add_compile_options(-Werror)
@@ -28,9 +32,11 @@ if(QV_FUZZ)
 endif()
 
 find_package(Threads REQUIRED)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(Systemd REQUIRED IMPORTED_TARGET libsystemd)  # sd-bus
-find_package(GTest REQUIRED)
+if(NOT WIN32)
+  find_package(GTest REQUIRED)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(Systemd REQUIRED IMPORTED_TARGET libsystemd)  # sd-bus
+endif()
 include(GoogleTest)
 
 # qv_add_test(<name> SOURCES <files...> LIBRARIES <targets...>)

@@ -5,7 +5,7 @@
 namespace Quorvendale::Networking {
 
 // The platform's socket; one backend file per platform defines it
-// (SocketPrivatePosix.cpp). Owns its handle: destruction shuts the
+// (SocketPrivatePosix.cpp, SocketPrivateWin32.cpp). Owns its handle: destruction shuts the
 // connection down and closes the handle, and never throws.
 class SocketPrivate final : public SocketPrivateNativeBase {
 public:

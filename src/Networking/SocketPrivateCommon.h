@@ -14,7 +14,8 @@ namespace Quorvendale::Networking {
 // same on every platform: the handle and what was asked for at creation, the
 // `connected` flag, the connect bookkeeping and the error policy of single
 // transfers. The platform's system calls sit in one backend file
-// (SocketPrivatePosix.cpp); members marked (backend) are defined there.
+// (SocketPrivatePosix.cpp, SocketPrivateWin32.cpp); members marked (backend)
+// are defined there.
 //
 // Errors are Windows socket numbers (SocketError.h) on every platform. A
 // socket is meant for one user at a time; only `connected` is atomic, so that

@@ -18,8 +18,10 @@ struct Decoded {
     std::size_t length;
 };
 
-// The lead byte fixes the length and narrows the range of the second byte;
-// that narrowing is what rejects overlong forms, surrogates and values above
+// Invalid parts are counted as the platform's decoder counts them (see
+// TextConversion.h), which is not quite Unicode's "maximal subpart". The
+// lead byte fixes the length and narrows the range of the second byte; that
+// narrowing is what rejects overlong forms, surrogates and values above
 // U+10FFFF without decoding them first.
 Decoded decodeUtf8(std::string_view text, std::size_t at) {
     const auto lead = static_cast<unsigned char>(text[at]);
@@ -43,10 +45,11 @@ Decoded decodeUtf8(std::string_view text, std::size_t at) {
     } else {
         return {replacementCharacter, 1};
     }
+    if (length > text.size() - at) return {replacementCharacter, text.size() - at};
     for (std::size_t i = 1; i < length; ++i) {
-        if (at + i >= text.size()) return {replacementCharacter, i};
         const auto next = static_cast<unsigned char>(text[at + i]);
-        if (next < low || next > high) return {replacementCharacter, i};
+        if (next < 0x80 || next > 0xBF) return {replacementCharacter, i};
+        if (next < low || next > high) return {replacementCharacter, i + 1};
         low = 0x80;
         high = 0xBF;
         codePoint = (codePoint << 6) | (next & 0x3F);

@@ -12,9 +12,12 @@
 
 namespace Quorvendale::Platform {
 
-// UTF-8 to UTF-16. Each maximal invalid part of a sequence (a stray
-// continuation byte, a truncated sequence, an overlong form, an encoded
-// surrogate, a value above U+10FFFF) gives one U+FFFD.
+// UTF-8 to UTF-16. Each invalid part gives one U+FFFD, counted as the
+// platform counts them: a stray continuation byte is one part; a sequence
+// cut short by a byte that cannot continue it is one part, the byte not
+// included; an overlong form, an encoded surrogate or a value above U+10FFFF
+// is one part of the lead and the next byte, and each byte after that one
+// more; a sequence longer than the text left takes all the rest as one.
 QV_PLATFORM_API std::u16string utf8ToUtf16(std::string_view text);
 // The same, appended to `to`: builds a path in one buffer.
 QV_PLATFORM_API void appendUtf16(std::u16string& to, std::string_view text);

@@ -1,9 +1,10 @@
 // FileSystem: the few file operations the store needs, on wide (UTF-16)
 // paths. Every system call of the store goes through here, so that each
-// platform has one backend file (FileSystemPosix.cpp) beside the portable
-// store.
+// platform has one backend file (FileSystemPosix.cpp, FileSystemWin32.cpp)
+// beside the portable store.
 //
-// Values are kept in text mode (TextMode.h).
+// Values are kept in the text mode of the Windows C runtime: Windows uses
+// the C runtime's own, elsewhere TextMode.h reproduces it.
 //
 // Nothing here locks or serialises: files are opened shared, so a read that
 // runs during a write of the same file may see it shortened.
@@ -18,8 +19,9 @@ namespace Quorvendale::Storage {
 
 class FileSystem {
 public:
-    // Separates folder levels in the paths the store builds.
-    static constexpr char16_t separator = u'/';
+    // Separates folder levels in the paths the store builds: the platform's
+    // own separator, which is also the one in its error texts.
+    static const char16_t separator;
 
     // True when the path's status can be taken: a file or a folder is there.
     static bool exists(const std::u16string& path);

@@ -152,6 +152,8 @@ std::string readAll(int fd) {
 
 }  // namespace
 
+const char16_t FileSystem::separator = u'/';
+
 bool FileSystem::exists(const std::u16string& path) {
     // Walks the path as stat does, with the same (effective) ids, but fills
     // in nothing: every store operation asks this of its group folder.

@@ -1,10 +1,12 @@
 #include "Library.h"
 
+#include <exception>
+
 #include "InterfaceContract/OutSlot.h"
+#include "LocalStorageClient.h"
 #include "LogLine.h"
 #include "Platform/HResultError.h"
 #include "RemoteStorageClient.h"
-#include "Uwp/UwpLocalStorageClient.h"
 
 namespace Quorvendale::StorageClient {
 
@@ -21,21 +23,20 @@ void Library::createRemoteStorageClient(const std::string& address, std::uint32_
     InterfaceContract::handOut(*new RemoteStorageClient(address, port), IID_IStorage, out);
 }
 
-// A client that cannot connect is no failure of this call: the caller gets
+// A client that cannot connect is no failure of the call: the caller gets
 // S_OK and a null pointer, and the reason goes to standard output.
 void Library::createUwpLocalStorageClient(IStorage** out) {
-    IStorage* storage = nullptr;
+    IStorage* client = nullptr;
     try {
-        auto* client = new UwpLocalStorageClient();
-        client->queryInterface(&IID_IStorage, reinterpret_cast<void**>(&storage));
+        InterfaceContract::handOut(*newLocalStorageClient(), IID_IStorage, &client);
     } catch (const std::exception& error) {
         logLine("Error: UwpClient connection failed");
         logLine(error.what());
     } catch (...) {
         logLine("Error: UwpClient connection failed (unknown exception)");
     }
-    InterfaceContract::assignOutSlot(out, storage);
-    if (storage != nullptr) storage->table->release(storage);
+    InterfaceContract::assignOutSlot(out, client);
+    if (client != nullptr) client->table->release(client);
 }
 
 }  // namespace Quorvendale::StorageClient

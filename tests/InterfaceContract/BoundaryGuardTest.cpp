@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <barrier>
+#include <condition_variable>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -63,13 +64,22 @@ TEST(BoundaryGuard, EachThreadReadsItsOwnMessage) {
     handOut(*new Plain, IID_IInterface, &object);
 
     // Both threads fail before either reads, so a shared slot would show the
-    // other thread's text.
-    std::barrier bothFailed(2);
+    // other thread's text. They meet with a mutex and a condition: the atomic
+    // waits behind std::barrier can miss a wake-up in GCC 12's libstdc++
+    // where there is no futex, as with mingw-w64.
+    std::mutex mutex;
+    std::condition_variable changed;
+    int failed = 0;
     std::string seen[2];
     auto failThenRead = [&](int index) {
         const std::string text = "failure of thread " + std::to_string(index);
         EXPECT_EQ(guard([&] { throw std::runtime_error(text); }), QV_E_FAIL);
-        bothFailed.arrive_and_wait();
+        {
+            std::unique_lock lock(mutex);
+            ++failed;
+            changed.notify_all();
+            changed.wait(lock, [&] { return failed == 2; });
+        }
         seen[index] = Testing::messageOf(object);
     };
     std::thread a(failThenRead, 0), b(failThenRead, 1);

@@ -1,7 +1,4 @@
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -77,27 +74,23 @@ TEST(SocketTest, SendToAVanishedPeerIsAnErrorNotSigpipe) {
 
 TEST(SocketTest, RefusedConnectReturnsFalse) {
     // A port bound without listening refuses, and stays ours meanwhile.
-    const int bound = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, 0, {Testing::loopback}, {}};
-    socklen_t size = sizeof address;
-    ASSERT_EQ(::bind(bound, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(::getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size), 0);
-
+    const Testing::LoopbackListener bound = Testing::listenOnLoopback(0);
     Socket socket(InterNetwork, socketTypeStream, protocolTcp);
-    EXPECT_FALSE(socket.connect(IPAddress(Testing::loopback), ntohs(address.sin_port), 3000));
+    EXPECT_FALSE(socket.connect(IPAddress(Testing::loopback), bound.port, 3000));
     EXPECT_FALSE(socket.connected());
-    ::close(bound);
+    Testing::closeSocket(bound.handle);
 }
 
 TEST(SocketTest, WrappedHandlesAreClosedWithTheirOwnerEvenIfAlreadyClosed) {
     SocketPrivate creator(InterNetwork, socketTypeStream, protocolTcp);
     EXPECT_THROW(creator.createFromHandle(INVALID_SOCKET), NetworkException);
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    creator.createFromHandle(static_cast<SocketHandle>(pair[0]));  // destroyed at once
-    EXPECT_EQ(::write(pair[0], "x", 1), -1);
-    ::close(pair[1]);
-    EXPECT_NO_THROW(creator.createFromHandle(static_cast<SocketHandle>(pair[1])));
+    const SocketHandle handle = Testing::newTcpSocket();
+    ASSERT_TRUE(Testing::isOpenSocket(handle));
+    creator.createFromHandle(handle);  // destroyed at once
+    EXPECT_FALSE(Testing::isOpenSocket(handle));
+    const SocketHandle closed = Testing::newTcpSocket();
+    Testing::closeSocket(closed);
+    EXPECT_NO_THROW(creator.createFromHandle(closed));
 }
 
 TEST(SocketAddressTest, IPv4IsFamilyPortAddressThenZeros) {

@@ -7,17 +7,19 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(TextConversion, EachMaximalInvalidPartBecomesOneReplacement) {
+// As Windows counts invalid parts, which is not Unicode's "maximal subpart".
+TEST(TextConversion, EachInvalidPartBecomesOneReplacement) {
     const std::pair<std::string, std::u16string> cases[] = {
         {"a\u00E9\u20AC\U0001F600\0z"s, u"a\u00E9\u20AC\U0001F600"},  // ends at the zero
         {"\xE2\x82\0\xAC"s, u"\uFFFD"},                               // a zero ends a sequence too
         {"\x80", u"\uFFFD"},                                          // stray continuation byte
-        {"a\xE2\x82z", u"a\uFFFDz"},                                  // truncated sequence
+        {"a\xE2\x82z", u"a\uFFFDz"},                                  // cut short by a byte
         {"\xF0\x9F\x98", u"\uFFFD"},                                  // truncated at the end
+        {"\xF0\x9F\x61", u"\uFFFD"},                                  // takes what is left
         {"\xC0\xAF", u"\uFFFD\uFFFD"},                                // overlong, lead never valid
-        {"\xE0\x80\x80", u"\uFFFD\uFFFD\uFFFD"},                      // overlong three-byte form
-        {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},                      // encoded surrogate
-        {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},            // above U+10FFFF
+        {"\xE0\x80\x80", u"\uFFFD\uFFFD"},                            // overlong three-byte form
+        {"\xED\xA0\x80", u"\uFFFD\uFFFD"},                            // encoded surrogate
+        {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD"},                  // above U+10FFFF
         {"\xF4\x8F\xBF\xBF", u"\U0010FFFF"},  // the last code point is valid
     };
     for (const auto& [in, out] : cases)

@@ -5,9 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 
+#include "Storage/FileSystem.h"
+#include "Support/TemporaryFolder.h"
 #include "Support/TextModeRules.h"
 
 namespace Quorvendale::Storage {
@@ -56,6 +60,35 @@ TEST(TextMode, ManyLines) {
             std::string bytes = withEnd;
             bytes.resize(decode(bytes.data(), bytes.size()));
             ASSERT_EQ(bytes, Testing::decodedByteByByte(withEnd)) << end;
+        }
+    }
+}
+
+// The rules against the platform's own files, which on Windows are the C
+// runtime's own text mode: marks just before the edges of its 4 KiB reads,
+// where a CR LF falls apart, and at the very end.
+TEST(TextMode, FilesFollowTheRules) {
+    const Testing::TemporaryFolder folder;
+    const std::u16string path = (folder.path() / "entry").u16string();
+    for (const std::size_t size : {4096, 4097, 8192, 8194}) {
+        for (std::size_t at = size - 3; at < size; ++at) {
+            for (const std::string_view mark : {"\r\n", "\r", "\x1A", "\r\x1A", "\r\r\n"}) {
+                std::string stored(size, 'a');
+                stored.replace(at, std::min(mark.size(), size - at), mark.substr(0, size - at));
+                std::ofstream(folder.path() / "entry", std::ios::binary) << stored;
+                ASSERT_EQ(Storage::FileSystem::readText(path), Testing::decodedByteByByte(stored))
+                    << size << " " << at << " " << testing::PrintToString(mark);
+
+                // Writing puts a CR before each LF and nothing else.
+                std::string value = stored;
+                std::replace(value.begin(), value.end(), '\r', '\n');
+                std::string expected;
+                for (const char byte : value)
+                    expected += byte == '\n' ? "\r\n" : std::string(1, byte);
+                ASSERT_TRUE(Storage::FileSystem::writeText(path, value));
+                std::ifstream file(folder.path() / "entry", std::ios::binary);
+                ASSERT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), expected);
+            }
         }
     }
 }

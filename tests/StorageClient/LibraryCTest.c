@@ -1,11 +1,11 @@
 /* Loads the built library the way a foreign program does, through the public
  * header alone, compiled as C, and checks the contract as such a caller sees
  * it: identities, counts, queryInterface answers, out-slot assignment and
- * destruction. Usage: LibraryCTest <path to libQuorvendaleStorageClient.so> */
-#include <dlfcn.h>
+ * destruction. Usage: LibraryCTest <path to the library> */
 #include <stdio.h>
 #include <string.h>
 
+#include "LibraryLoader.h"
 #include "Quorvendale/ILibrary.h"
 
 static int failures;
@@ -140,7 +140,6 @@ static void checkLocalClientWithoutService(ILibrary* library) {
 }
 
 int main(int argc, char** argv) {
-    void* module;
     GetLibraryInterfaceFunction getLibrary;
     LoaderHandle handle = {{&handleTable}, 0};
     ILibrary* first = NULL;
@@ -151,14 +150,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: %s <path to the library>\n", argv[0]);
         return 2;
     }
-    module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-    if (module == NULL) {
-        fprintf(stderr, "dlopen: %s\n", dlerror());
-        return 2;
-    }
-    *(void**)&getLibrary = dlsym(module, "getLibraryInterface");
-    CHECK(getLibrary != NULL);
-    if (getLibrary == NULL) return 1;
+    getLibrary = loadLibraryEntry(argv[1]);
+    if (getLibrary == NULL) return 2;
 
     /* The loader handle is released exactly once; each call makes a new object. */
     CHECK(getLibrary(&handle.base, &first) == QV_S_OK);
@@ -173,6 +166,14 @@ int main(int argc, char** argv) {
     checkExceptionData(first);
     checkLocalClientWithoutService(first);
 
+    /* With no storage service to reach, slot 4 answers S_OK and no client
+     * (its reason goes to standard output). */
+    {
+        IStorage* storage = NULL;
+        CHECK(first->table->createUwpLocalStorageClient(first, &storage) == QV_S_OK);
+        CHECK(storage == NULL);
+    }
+
     /* An out-slot that already holds a pointer has it released by the call. */
     second->table->addRef(second); /* one for the slot, one kept here */
     slot = second;
@@ -185,9 +186,6 @@ int main(int argc, char** argv) {
     CHECK(second->table->release(second) == 0);
     CHECK(first->table->release(first) == 0);
 
-    /* No dlclose: the library's per-thread message slot has registered a
-     * destructor for this thread, which keeps the module loaded until the
-     * thread ends whatever we do. */
     if (failures == 0) printf("LibraryCTest: all checks passed\n");
     return failures == 0 ? 0 : 1;
 }

@@ -1,10 +1,10 @@
-// A fresh folder under the system's temporary folder, removed with all it
-// holds when the test is done.
+// A fresh folder under the system's temporary folder for the length of a
+// test, removed with everything in it.
 #pragma once
 
-#include <stdlib.h>
-
+#include <chrono>
 #include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -14,23 +14,26 @@ namespace Quorvendale::Testing {
 class TemporaryFolder {
 public:
     TemporaryFolder() : path_(make()) {}
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
     ~TemporaryFolder() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
 private:
     static std::filesystem::path make() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qv-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot make a temporary folder");
+        std::mt19937_64 names(std::random_device{}() ^
+                              std::chrono::steady_clock::now().time_since_epoch().count());
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            const auto path =
+                std::filesystem::temp_directory_path() / ("qv-" + std::to_string(names()));
+            if (std::filesystem::create_directory(path)) return path;
         }
-        return pattern;
+        throw std::runtime_error("cannot make a temporary folder");
     }
 
     std::filesystem::path path_;

@@ -3,7 +3,6 @@
 // standard error checked for each kind of outcome. No run reaches a session
 // bus of the machine: each names a bus address where nothing listens.
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "Support/LoopbackServer.h"
+#include "Support/LoopbackSocket.h"
 #include "Support/ProgramRun.h"
 #include "Support/TemporaryFolder.h"
 
@@ -110,9 +109,9 @@ TEST_F(Qvstore, RemoteFailuresExitOneWithTheStoresText) {
         EXPECT_EQ(run.output, "");
         EXPECT_EQ(run.errors, failed(command, refusal));
     }
-    pollfd pending{listener.descriptor, POLLIN, 0};
-    EXPECT_EQ(::poll(&pending, 1, 0), 0) << "a connection reached the server";
-    ::close(listener.descriptor);
+    EXPECT_FALSE(Quorvendale::Testing::readable(listener.handle, 0))
+        << "a connection reached the server";
+    Quorvendale::Testing::closeSocket(listener.handle);
 }
 
 // Without DATA, write takes all of standard input, any bytes, before it calls

@@ -8,6 +8,7 @@
 #include "InterfaceContract/ErrorReport.h"
 #include "Platform/Apartment.h"
 #include "Platform/TextConversion.h"
+#include "StorageClient/LocalStorageClient.h"
 #include "StorageClient/LogLine.h"
 
 namespace Quorvendale::StorageClient {
@@ -266,6 +267,8 @@ void UwpLocalStorageClient::onServiceClosed(const AppServiceConnection&,
         // connection, and its retry reconnects.
     }
 }
+
+BasicStorageClient* newLocalStorageClient() { return new UwpLocalStorageClient(); }
 
 UwpLocalStorageClient::Connection UwpLocalStorageClient::currentConnection() const {
     std::lock_guard lock(connectionMutex_);
