@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Installs the build tree into an empty prefix and uses it as a user would:
+# the installed programs run without LD_LIBRARY_PATH, pkg-config and
+# find_package(Quorvendale) find the headers, and a private bus whose service
+# folder is <prefix>/share/dbus-1/services starts the installed host, which
+# serves the installed qvstore.
+#
+# Usage: installed-tree.sh BUILD_DIR SOURCE_DIR
+set -euo pipefail
+build=$1
+source=$2
+work=$(mktemp -d "${TMPDIR:-/tmp}/qv-installed-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+package=KMWPRT.Quorvendale.Service_x7q2m9vd4hnra
+
+fail() { echo "installed-tree: $*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+unset LD_LIBRARY_PATH
+service=$prefix/share/dbus-1/services/$package.service
+grep -q "^Exec=$prefix/bin/quorvendale-apphost .*--library $prefix/lib/libQuorvendaleStorageClient.so\$" \
+    "$service" || fail "the service file does not name the installed host and library: $(cat "$service")"
+[ "$(ldd "$prefix/bin/quorvendale-apphost" | grep -c 'not found')" = 0 ] ||
+    fail "the installed host does not find its libraries"
+
+PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags quorvendale | grep -q -- "-I$prefix/lib/pkgconfig/../../include" ||
+    fail "pkg-config gives no include folder"
+
+mkdir -p "$work/consumer"
+cat >"$work/consumer/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(Consumer CXX)
+find_package(Quorvendale REQUIRED)
+add_executable(consumer consumer.cpp)
+target_link_libraries(consumer PRIVATE Quorvendale::Headers)
+target_compile_definitions(consumer PRIVATE LIBRARY="${Quorvendale_LIBRARY}")
+CMAKE
+cat >"$work/consumer/consumer.cpp" <<'CPP'
+#include <Quorvendale/Client.hpp>
+#include <iostream>
+int main() {
+    auto storage = Quorvendale::Client::Library(LIBRARY).local();
+    if (!storage) return 1;
+    storage->write("consumer", "k", "from find_package");
+    std::cout << storage->read("consumer", "k") << '\n';
+}
+CPP
+cmake -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/consumer/build" >/dev/null
+
+export XDG_DATA_HOME=$work/data
+"$source/scripts/private-bus" --services "$prefix/share/dbus-1/services" -- bash -c '
+    set -e
+    printf "a\nb" | "$1/bin/qvstore" write g k
+    [ "$("$1/bin/qvstore" read g k)" = "$(printf "a\nb")" ]
+    [ "$("$2/consumer/build/consumer")" = "from find_package" ]
+' installed "$prefix" "$work" || fail "the installed service did not serve"
+[ "$(od -An -c "$XDG_DATA_HOME/Packages/$package/LocalState/g/k" | tr -d ' ')" = 'a\r\nb' ] ||
+    fail "the entry is not on disk with CR LF"
+echo "installed-tree: the installed host served the installed qvstore and a find_package consumer"
