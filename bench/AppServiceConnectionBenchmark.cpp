@@ -13,6 +13,8 @@
 
 #include "Platform/AppServiceConnection.h"
 
+#include "MedianReporter.h"
+
 namespace {
 
 using namespace Quorvendale::Platform;
@@ -76,25 +78,14 @@ void valueSetRoundTrip(benchmark::State& state) {
 BENCHMARK(bareRoundTrip)->Name("socketpair 100-byte round trip (raw)")->UseRealTime();
 BENCHMARK(valueSetRoundTrip)->Name("AppServiceConnection 100-byte ValueSet request")->UseRealTime();
 
-// Keeps each benchmark's time per iteration, to print the ratio at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) times[run.benchmark_name()] = run.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> times;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    Bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    const double raw = reporter.times["socketpair 100-byte round trip (raw)/real_time"];
-    const double request =
-        reporter.times["AppServiceConnection 100-byte ValueSet request/real_time"];
+    const double raw = reporter.time("socketpair 100-byte round trip (raw)");
+    const double request = reporter.time("AppServiceConnection 100-byte ValueSet request");
     if (raw > 0 && request > 0) {
         std::printf("ValueSet request / raw round trip: %.2fx (target <= 3x)\n", request / raw);
     }

@@ -26,6 +26,8 @@
 #include "Support/PrivateBus.h"
 #include "Support/StorageMessages.h"
 
+#include "MedianReporter.h"
+
 namespace {
 
 using namespace Quorvendale;
@@ -168,18 +170,6 @@ const char* const bareCallName = "bare D-Bus call to a running peer";
 const char* const requestName = "100-byte read through the host";
 const char* const roundTripName = "bare 100-byte round trip to another process";
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) times[run.run_name.function_name] = run.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double ratio(const char* of, const char* to) {
-        return times[to] > 0 ? times[of] / times[to] : 0;
-    }
-    std::map<std::string, double> times;
-};
-
 pid_t startPeer(void (*serve)(int), int argument) {
     const pid_t child = ::fork();
     if (child == 0) serve(argument);
@@ -212,11 +202,11 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark(bareCallName, bareDbusCall)->UseRealTime();
     benchmark::RegisterBenchmark(requestName, storageRequest)->UseRealTime();
     benchmark::RegisterBenchmark(roundTripName, bareRoundTrip)->UseRealTime();
-    RatioReporter reporter;
+    Bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
     std::printf("\nfirst open with activation: %.2f ms (target <= 5 ms)\n",
-                reporter.times[firstOpenName] / 1e6);
+                reporter.time(firstOpenName) / 1e6);
     std::printf("open to a running host / bare D-Bus call: %.2fx (target <= 2x)\n",
                 reporter.ratio(openName, bareCallName));
     std::printf("request through the host / bare round trip: %.2fx (target <= 3x, pinned)\n",

@@ -30,6 +30,8 @@
 #include "Quorvendale/Client.hpp"
 #include "Support/PrivateBus.h"
 
+#include "MedianReporter.h"
+
 namespace {
 
 using namespace Quorvendale;
@@ -176,26 +178,15 @@ void redisCase(benchmark::State& state, bool writing) {
     }
 }
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (!run.error_occurred) times[run.run_name.function_name] = run.GetAdjustedRealTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> times;
-};
-
-void printRatio(RatioReporter& reporter, const char* operation, const char* local,
+void printRatio(Bench::MedianReporter& reporter, const char* operation, const char* local,
                 double ideal, const char* redis, const char* sqlite) {
-    auto& times = reporter.times;
+    const double localTime = reporter.time(local);
     std::printf("\n%s: ideal %.1f us, local client %.1f us: %.2fx the ideal (target <= 1.25x)\n",
-                operation, ideal / 1000, times[local] / 1000, times[local] / ideal);
+                operation, ideal / 1000, localTime / 1000, localTime / ideal);
     for (const char* other : {redis, sqlite}) {
-        if (times.contains(other)) {
+        if (const double time = reporter.time(other); time > 0) {
             std::printf("  %s: %.1f us (the local client takes %.2fx its time)\n", other,
-                        times[other] / 1000, times[local] / times[other]);
+                        time / 1000, localTime / time);
         } else {
             std::printf("  %s: not measured\n", other);
         }
@@ -233,15 +224,14 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("redis SET", redisCase, true)->UseRealTime();
     benchmark::RegisterBenchmark("redis GET", redisCase, false)->UseRealTime();
     Bench::registerSqlite(data.path());
-    RatioReporter reporter;
+    Bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
-    auto& times = reporter.times;
-    const double common =
-        times["thread create and join"] + times["100-byte round trip to another process"];
-    printRatio(reporter, "write", "local client write", common + times["100-byte file overwrite"],
-               "redis SET", "sqlite replace");
-    printRatio(reporter, "read", "local client read", common + times["100-byte file read"],
+    const double common = reporter.time("thread create and join") +
+                          reporter.time("100-byte round trip to another process");
+    printRatio(reporter, "write", "local client write",
+               common + reporter.time("100-byte file overwrite"), "redis SET", "sqlite replace");
+    printRatio(reporter, "read", "local client read", common + reporter.time("100-byte file read"),
                "redis GET", "sqlite select");
 
     storage.reset();

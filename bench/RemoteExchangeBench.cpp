@@ -22,6 +22,8 @@
 #include "StorageClient/RemoteStorageClient.h"
 #include "Support/LoopbackServer.h"
 
+#include "MedianReporter.h"
+
 namespace {
 
 using namespace Quorvendale;
@@ -118,29 +120,6 @@ void RemoteExchange(benchmark::State& state) {
 BENCHMARK(RawExchange)->MinTime(0.2)->Repetitions(5);
 BENCHMARK(RemoteExchange)->MinTime(0.2)->Repetitions(5);
 
-// Keeps each benchmark's times per iteration, one per repetition, for the
-// ratio of the medians.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                times[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
-            }
-        }
-    }
-    double median(const std::string& name) {
-        auto& list = times[name];
-        if (list.empty()) return 0;
-        std::sort(list.begin(), list.end());
-        return list[list.size() / 2];
-    }
-
-private:
-    std::map<std::string, std::vector<double>> times;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -153,10 +132,10 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&count, arguments.data());
     Server running;
     server = &running;
-    RatioReporter reporter;
+    Bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    const double raw = reporter.median("RawExchange");
-    const double remote = reporter.median("RemoteExchange");
+    const double raw = reporter.time("RawExchange");
+    const double remote = reporter.time("RemoteExchange");
     if (raw > 0 && remote > 0) {
         std::printf(
             "median per exchange: raw %.1f us, remote %.1f us; ratio %.2fx (target <= 1.30x)\n",
