@@ -11,6 +11,11 @@
 // REDIS_SOCKET names a running redis-server's socket; bench/compare-local
 // starts one) and SQLite in process (when the build found libsqlite3;
 // LocalStorageSqlite.cpp). Prints each ratio at the end.
+//
+// The files live under TMPDIR (else /tmp), the raw ones and the service's
+// alike. On ext4 an overwrite's close starts writeback of the truncated file,
+// whose time varies several-fold from run to run; TMPDIR=/dev/shm leaves only
+// the cost of the path between the processes to compare.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>

@@ -31,13 +31,19 @@ typedef struct ILibraryTable {
 
     /* Slot 3: a client of the storage server at address:port. Opens no
      * connection; the address is used only when an operation connects. On
-     * failure the out-slot keeps what it held. */
+     * failure the out-slot keeps what it held. This release resolves no
+     * address text at all, so every operation of the client fails with
+     * "hostname is invalid or requires DNS lookup, which is not supported
+     * yet" and sends nothing. */
     ResultCode(QV_CALL* createRemoteStorageClient)(ILibrary* self, const char* address,
                                                    uint32_t addressLength, uint32_t port,
                                                    IStorage** out);
-    /* Slot 4: a client of the local storage service; connects at once. A
+    /* Slot 4: a client of the local storage service, which the session
+     * bus starts on demand in a process of its own; connects at once. A
      * failed connection returns QV_S_OK with NULL in the out-slot (and two
-     * lines on standard output): test the pointer, not only the code. */
+     * lines on standard output): test the pointer, not only the code. Data
+     * travels as text: it must be valid UTF-8, and a value ends at its first
+     * NUL byte, on the way in and on the way out. */
     ResultCode(QV_CALL* createUwpLocalStorageClient)(ILibrary* self, IStorage** out);
 } ILibraryTable;
 
