@@ -13,24 +13,16 @@
 
 #include "Platform/AppServiceConnection.h"
 
+#include "BareTransfer.h"
 #include "MedianReporter.h"
 
 namespace {
 
+using Bench::transfer;
+
 using namespace Quorvendale::Platform;
 
 constexpr std::size_t payloadBytes = 100;
-
-bool transfer(int descriptor, char* bytes, std::size_t size, bool reading) {
-    while (size > 0) {
-        const ssize_t count =
-            reading ? ::read(descriptor, bytes, size) : ::write(descriptor, bytes, size);
-        if (count <= 0) return false;
-        bytes += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
 
 void bareRoundTrip(benchmark::State& state) {
     int ends[2];

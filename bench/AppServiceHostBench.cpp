@@ -26,9 +26,12 @@
 #include "Support/PrivateBus.h"
 #include "Support/StorageMessages.h"
 
+#include "BareTransfer.h"
 #include "MedianReporter.h"
 
 namespace {
+
+using Bench::transfer;
 
 using namespace Quorvendale;
 using namespace Quorvendale::Platform;
@@ -134,17 +137,6 @@ void storageRequest(benchmark::State& state) {
             break;
         }
     }
-}
-
-bool transfer(int descriptor, char* bytes, std::size_t size, bool reading) {
-    while (size > 0) {
-        const ssize_t count =
-            reading ? ::read(descriptor, bytes, size) : ::write(descriptor, bytes, size);
-        if (count <= 0) return false;
-        bytes += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
 }
 
 void serveEcho(int descriptor) {

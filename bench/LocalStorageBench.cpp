@@ -35,29 +35,20 @@
 #include "Quorvendale/Client.hpp"
 #include "Support/PrivateBus.h"
 
+#include "BareTransfer.h"
 #include "MedianReporter.h"
 
 namespace {
 
 using namespace Quorvendale;
 using Bench::payload;
+using Bench::transfer;
 
 constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
 
 std::optional<Client::Storage> storage;
 std::filesystem::path fileFolder;
 int echoSocket = -1;
-
-bool transfer(int descriptor, char* bytes, std::size_t size, bool reading) {
-    while (size > 0) {
-        const ssize_t count =
-            reading ? ::read(descriptor, bytes, size) : ::write(descriptor, bytes, size);
-        if (count <= 0) return false;
-        bytes += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
 
 // The other process of the bare round trip, forked before any thread.
 pid_t startEcho() {
