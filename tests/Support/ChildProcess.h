@@ -20,7 +20,11 @@ namespace Quorvendale::Testing {
 
 class ChildProcess {
 public:
-    explicit ChildProcess(const std::vector<std::string>& arguments) {
+    // `actions` set up the program's descriptors; `environment` is its
+    // whole environment, this process's own by default.
+    explicit ChildProcess(const std::vector<std::string>& arguments,
+                          const posix_spawn_file_actions_t* actions = nullptr,
+                          char* const* environment = environ) {
         std::vector<char*> argv;
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));
@@ -30,7 +34,7 @@ public:
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
         posix_spawnattr_setpgroup(&attributes, 0);
         const int failed =
-            ::posix_spawn(&pid_, argv[0], nullptr, &attributes, argv.data(), environ);
+            ::posix_spawn(&pid_, argv[0], actions, &attributes, argv.data(), environment);
         posix_spawnattr_destroy(&attributes);
         if (failed != 0) throw std::runtime_error("cannot start " + arguments[0]);
     }

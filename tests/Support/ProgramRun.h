@@ -5,7 +5,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,12 +13,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
-extern char** environ;
+#include "Support/ChildProcess.h"
 
 namespace Quorvendale::Testing {
 
@@ -37,7 +35,7 @@ inline std::string contentOf(const std::filesystem::path& file) {
 
 // `environment` entries ("NAME=value") replace the test's own variables of
 // those names. The files are `folder`/stdin, stdout and stderr.
-inline ProgramRun runProgram(std::vector<std::string> arguments,
+inline ProgramRun runProgram(const std::vector<std::string>& arguments,
                              const std::filesystem::path& folder, const std::string& input = {},
                              const std::vector<std::string>& environment = {}) {
     std::ofstream(folder / "stdin", std::ios::binary) << input;
@@ -50,10 +48,6 @@ inline ProgramRun runProgram(std::vector<std::string> arguments,
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
     posix_spawn_file_actions_addopen(&actions, 1, (folder / "stdout").c_str(), flags, 0600);
     posix_spawn_file_actions_addopen(&actions, 2, (folder / "stderr").c_str(), flags, 0600);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
 
     std::vector<std::string> variables = environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -63,34 +57,22 @@ inline ProgramRun runProgram(std::vector<std::string> arguments,
         for (const std::string& given : environment) replaced |= given.rfind(name, 0) == 0;
         if (!replaced) variables.push_back(variable);
     }
-    std::vector<char*> argv, envp;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
+    std::vector<char*> envp;
     for (std::string& variable : variables) envp.push_back(variable.data());
-    argv.push_back(nullptr);
     envp.push_back(nullptr);
 
-    pid_t child = -1;
-    const int spawned =
-        ::posix_spawn(&child, argv[0], &actions, &attributes, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (spawned != 0) {
+    std::optional<int> status;
+    try {
+        ChildProcess child(arguments, &actions, envp.data());
+        status = child.wait(std::chrono::seconds(30));
+    } catch (...) {
+        posix_spawn_file_actions_destroy(&actions);
         ::close(in);
-        throw std::runtime_error("cannot start " + arguments.front());
+        throw;
     }
-
-    int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (::waitpid(child, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            ::kill(-child, SIGKILL);
-            ::waitpid(child, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    posix_spawn_file_actions_destroy(&actions);
     ProgramRun run;
-    run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.exitStatus = status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
     run.inputTaken = static_cast<std::size_t>(::lseek(in, 0, SEEK_CUR));
     ::close(in);
     run.output = contentOf(folder / "stdout");
