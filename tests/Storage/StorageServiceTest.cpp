@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <vector>
 
 #include "Platform/BackgroundTaskInstance.h"
@@ -113,8 +112,7 @@ TEST_F(StorageServiceTest, WritesReadsAndRemovesTextAsUtf8) {
     EXPECT_EQ(
         ask(request({{u"command", "write"}, {u"group", "g"}, {u"key", "k"}, {u"data", value}})),
         success);
-    std::ifstream file(package_.localState() / "g" / "k", std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), value);
+    EXPECT_EQ(Testing::contentOf(package_.localState() / "g" / "k"), value);
     EXPECT_EQ(ask(request({{u"command", "read"}, {u"group", "g"}, {u"key", "k"}})),
               Reply("success", value));
     EXPECT_EQ(ask(request({{u"command", "remove"}, {u"group", "g"}, {u"key", "k"}})), success);

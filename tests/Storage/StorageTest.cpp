@@ -34,10 +34,10 @@ TEST_F(StorageTest, DefaultIsAnAliasThroughDotDefault) {
     store_.write("g", ".default", "k");
     EXPECT_EQ(store_.read("g", "default"), "value of k");
     store_.write("g", "default", "new");
-    EXPECT_EQ(fileBytes(entryPath("g", "k")), "new");
+    EXPECT_EQ(Testing::contentOf(entryPath("g", "k")), "new");
     store_.remove("g", "default");
     EXPECT_FALSE(std::filesystem::exists(entryPath("g", "k")));
-    EXPECT_EQ(fileBytes(entryPath("g", ".default")), "k");
+    EXPECT_EQ(Testing::contentOf(entryPath("g", ".default")), "k");
 
     // The content is the name verbatim: its newline is part of the key.
     store_.write("g", "k", "value of k");
@@ -88,13 +88,13 @@ TEST_F(StorageTest, EntriesThatAreNotFiles) {
 TEST_F(StorageTest, NamesAreUtf8UpToTheirFirstZero) {
     const std::string group = "gr\u00FCppe \U0001F600";
     store_.write(group, "\U00010348", "v");
-    EXPECT_EQ(fileBytes(entryPath(group, "\U00010348")), "v");
+    EXPECT_EQ(Testing::contentOf(entryPath(group, "\U00010348")), "v");
     EXPECT_EQ(store_.next(group, ""), "\U00010348");
 
     store_.write("g", "k\0ignored"s, "v");
     EXPECT_EQ(store_.read("g", "k"), "v");
     store_.write("g", "bad\xFF", "w");
-    EXPECT_EQ(fileBytes(entryPath("g", "bad\uFFFD")), "w");
+    EXPECT_EQ(Testing::contentOf(entryPath("g", "bad\uFFFD")), "w");
 
     // Paths too long to convert on the stack.
     const std::string longName(250, 'n');
@@ -104,13 +104,13 @@ TEST_F(StorageTest, NamesAreUtf8UpToTheirFirstZero) {
 
 TEST_F(StorageTest, TextMode) {
     store_.write("g", "k", "a\nb");
-    EXPECT_EQ(fileBytes(entryPath("g", "k")), "a\r\nb");
+    EXPECT_EQ(Testing::contentOf(entryPath("g", "k")), "a\r\nb");
     EXPECT_EQ(store_.read("g", "k"), "a\nb");
 
     // A lone CR is kept both ways, so a CR before an LF (stored as CR CR LF)
     // comes back too; 0x1A ends the content.
     store_.write("g", "k", "\r\n|\r|x\r");
-    EXPECT_EQ(fileBytes(entryPath("g", "k")), "\r\r\n|\r|x\r");
+    EXPECT_EQ(Testing::contentOf(entryPath("g", "k")), "\r\r\n|\r|x\r");
     EXPECT_EQ(store_.read("g", "k"), "\r\n|\r|x\r");
     store_.write("g", "k", "x\r\x1A\n");
     EXPECT_EQ(store_.read("g", "k"), "x\r");
@@ -138,7 +138,7 @@ TEST_F(StorageTest, GroupFolders) {
     EXPECT_EQ(errorOf([&] { store_.getKeys("a/b"); }), "Failed to open folder: a/b");
     store_.write("a", "k", "v");
     store_.write("a/b", "k", "v");
-    EXPECT_EQ(fileBytes(entryPath("a/b", "k")), "v");
+    EXPECT_EQ(Testing::contentOf(entryPath("a/b", "k")), "v");
 }
 
 // Meant for the sanitizer builds: one store serves threads at once, as the

@@ -5,9 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -38,11 +36,6 @@ protected:
 
     std::filesystem::path entryPath(const std::string& group, const std::string& key) const {
         return folder_.path() / fromUtf8(group) / fromUtf8(key);
-    }
-
-    static std::string fileBytes(const std::filesystem::path& path) {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
     }
 
     static std::string errorOf(const std::function<void()>& operation) {

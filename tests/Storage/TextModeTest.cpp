@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -86,8 +85,7 @@ TEST(TextMode, FilesFollowTheRules) {
                 for (const char byte : value)
                     expected += byte == '\n' ? "\r\n" : std::string(1, byte);
                 ASSERT_TRUE(Storage::FileSystem::writeText(path, value));
-                std::ifstream file(folder.path() / "entry", std::ios::binary);
-                ASSERT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), expected);
+                ASSERT_EQ(Testing::contentOf(folder.path() / "entry"), expected);
             }
         }
     }

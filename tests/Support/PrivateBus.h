@@ -81,10 +81,7 @@ public:
     // The process group of the daemon and what it started.
     pid_t processGroup() const { return daemon_; }
     // What the daemon wrote to its standard error.
-    std::string log() const {
-        std::ifstream file(folder_.path() / "daemon.log");
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
+    std::string log() const { return contentOf(folder_.path() / "daemon.log"); }
 
     // The process that owns the name now, if any.
     std::optional<pid_t> ownerOf(const std::string& name) const {

@@ -12,12 +12,12 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Support/ChildProcess.h"
+#include "Support/TemporaryFolder.h"
 
 namespace Quorvendale::Testing {
 
@@ -27,11 +27,6 @@ struct ProgramRun {
     std::string errors;          // standard error
     std::size_t inputTaken = 0;  // how far it read into its standard input
 };
-
-inline std::string contentOf(const std::filesystem::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 // `environment` entries ("NAME=value") replace the test's own variables of
 // those names. The files are `folder`/stdin, stdout and stderr.

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "Platform/AppServiceBus.h"
 #include "Support/ChildProcess.h"
@@ -23,6 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Testing::await;
+using Testing::contentOf;
 using Testing::eventually;
 using Testing::PrivateBus;
 using Testing::Reply;
@@ -32,11 +32,6 @@ using Status = AppServiceConnectionStatus;
 
 constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
 constexpr const char* storageAppService = "com.quorvendale.storage.appservice";
-
-std::string contentOf(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
 
 // The build tree's service file of the storage service, its host told to
 // leave after `idleSeconds` with nothing to serve.

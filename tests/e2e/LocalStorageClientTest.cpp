@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -23,14 +22,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using Client::Storage;
+using Testing::contentOf;
 using Testing::PrivateBus;
 
 constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
-
-std::string contentOf(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
 
 const Client::Library& library() {
     static const Client::Library loaded(QV_STORAGE_LIBRARY);
