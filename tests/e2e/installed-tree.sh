@@ -19,7 +19,8 @@ fail() { echo "installed-tree: $*" >&2; exit 1; }
 cmake --install "$build" --prefix "$prefix" >/dev/null
 unset LD_LIBRARY_PATH
 service=$prefix/share/dbus-1/services/$package.service
-grep -q "^Exec=$prefix/bin/quorvendale-apphost .*--library $prefix/lib/libQuorvendaleStorageClient.so\$" \
+grep -qF "Exec=\"$prefix/bin/quorvendale-apphost\" " "$service" &&
+    grep -q -- "--library \"$prefix/lib/libQuorvendaleStorageClient.so\"\$" \
     "$service" || fail "the service file does not name the installed host and library: $(cat "$service")"
 [ "$(ldd "$prefix/bin/quorvendale-apphost" | grep -c 'not found')" = 0 ] ||
     fail "the installed host does not find its libraries"
