@@ -163,7 +163,7 @@ TEST(AppServiceConnection, EndingEitherSideFailsPendingRequestsAndCancelsTheTask
 
 TEST(AppServiceConnection, AMalformedOrLyingPeerOnlyEndsTheConnection) {
     const std::string lies[] = {
-        std::string("\x05\x00\x00\x00\x09garbage", 12),        // unknown kind
+        std::string("\x08\x00\x00\x00\x09garbage", 12),        // unknown kind
         std::string("\x01\x00\x00\x05", 4),                    // over the limit
         std::string("\x00\x00\x00\x04", 4) + "only a little",  // announces 64 MiB, sends less
     };
