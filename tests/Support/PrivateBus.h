@@ -78,8 +78,6 @@ public:
     PrivateBus& operator=(const PrivateBus&) = delete;
 
     const std::string& address() const { return addressText_; }
-    // The process group of the daemon and what it started.
-    pid_t processGroup() const { return daemon_; }
     // What the daemon wrote to its standard error.
     std::string log() const { return contentOf(folder_.path() / "daemon.log"); }
 

