@@ -40,8 +40,11 @@ typedef struct ILibraryTable {
                                                    IStorage** out);
     /* Slot 4: a client of the local storage service, which the session
      * bus starts on demand in a process of its own; connects at once. A
-     * failed connection returns QV_S_OK with NULL in the out-slot (and two
-     * lines on standard output): test the pointer, not only the code. Data
+     * failed connection returns QV_S_OK with NULL in the out-slot: test the
+     * pointer, not only the code. Standard output then gets the line "Error:
+     * UwpClient connection failed" and the failure's text on the next, or,
+     * for a failure that carries no text, the one line "Error: UwpClient
+     * connection failed (unknown exception)". Data
      * travels as text: it must be valid UTF-8, and a value ends at its first
      * NUL byte, on the way in and on the way out. */
     ResultCode(QV_CALL* createUwpLocalStorageClient)(ILibrary* self, IStorage** out);
@@ -57,7 +60,9 @@ QV_STATIC_ASSERT(sizeof(ILibraryTable) == 5 * sizeof(void*), "ILibrary has 5 slo
 
 /* Creates a new, independent library object and stores its ILibrary table in
  * *out with one reference. loaderHandle may be NULL; if not, the library
- * releases it once and keeps nothing. Returns QV_S_OK. */
+ * releases it once and keeps nothing, whatever the result. Returns QV_S_OK;
+ * QV_E_POINTER, storing nothing, when out is NULL; QV_E_OUTOFMEMORY, leaving
+ * *out as it was, when the object cannot be made. */
 QV_EXTERN_C QV_EXPORT ResultCode QV_CALL getLibraryInterface(IInterface* loaderHandle,
                                                              ILibrary** out);
 

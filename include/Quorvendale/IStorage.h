@@ -2,8 +2,11 @@
  * key-value store, whatever lies behind it (a storage server over TCP, or
  * the local storage service).
  *
- * Group, key and data are array-in pairs of any bytes; nothing is trimmed or
- * checked, and a zero byte inside is kept. Every operation returns QV_S_OK or
+ * Group, key and data are array-in pairs of bytes; nothing is trimmed or
+ * checked. What reaches the store depends on the client: the remote client
+ * sends every byte, a zero byte inside included; the local client carries
+ * text, so its group, key and data must be valid UTF-8 and each ends at its
+ * first zero byte, on the way in and on the way out. Every operation returns QV_S_OK or
  * a failure code whose text IExceptionData::getMessage gives on the same
  * thread. On failure, outputs (the array-out buffer, the boolean word) are not
  * written and the array-out callback is not called. */

@@ -117,7 +117,8 @@ struct IInterface {
  * The message is per thread, not per object: fetch it on the thread whose
  * call failed, before that thread's next call into the library. Reading
  * does not clear it, and a successful call does not clear it either.
- *   getMessage: copies the calling thread's last failure text out; QV_S_OK.
+ *   getMessage: copies the calling thread's last failure text out; QV_S_OK,
+ *     or QV_E_INVALIDARG for a NULL callback, leaving the text as it was.
  *   setMessage: replaces it; QV_S_OK, or QV_E_FAIL if the copy failed. */
 typedef struct IExceptionDataTable {
     ResultCode(QV_CALL* queryInterface)(IExceptionData* self, const InterfaceId* id, void** out);

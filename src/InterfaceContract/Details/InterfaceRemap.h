@@ -68,9 +68,16 @@ struct InterfaceRemap<IExceptionData, Impl, Ctl> : InterfaceRemap<IUnsafe, Impl,
     using Table = IExceptionDataTable;
     static const Table table;
 
+    // Not inside the guard: a failure to read the message must not replace it.
     static ResultCode QV_CALL getMessage(IExceptionData*, void* context,
                                          ArrayOutAllocate allocate) noexcept {
-        return guard([&] { copyOut(context, allocate, threadMessage()); });
+        if (allocate == nullptr) return QV_E_INVALIDARG;
+        try {
+            copyOut(context, allocate, threadMessage());
+            return QV_S_OK;
+        } catch (...) {
+            return QV_E_FAIL;
+        }
     }
 
     static ResultCode QV_CALL setMessage(IExceptionData*, const char* message,
