@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Platform/AppServiceBus.h"
-#include "Platform/PropertyValue.h"
+#include "Platform/AppService/AppServiceBus.h"
+#include "Platform/Foundation/PropertyValue.h"
 #include "Support/PrivateBus.h"
 #include "Support/StorageMessages.h"
 #include "Support/Waiting.h"
@@ -83,9 +83,9 @@ class AppServiceHostTest : public testing::Test {
 protected:
     fs::path localState() const { return package_.localState(storagePackage); }
     pid_t host() const {
-        const auto owner = bus_->ownerOf(storagePackage);
-        EXPECT_TRUE(owner.has_value());
-        return owner.value_or(-1);
+        // Throws without an owner: a stand-in such as -1 would make the
+        // test's kill() signal every process of the machine.
+        return bus_->ownerOf(storagePackage).value();
     }
     void startBus(int idleSeconds = 30) {
         installStorageService(services_.path(), idleSeconds);
