@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "Platform/AppServiceConnection.h"
+#include "Platform/AppService/AppServiceConnection.h"
 
 #include "BareTransfer.h"
 #include "MedianReporter.h"

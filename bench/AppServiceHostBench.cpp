@@ -21,8 +21,8 @@
 #include <semaphore>
 #include <string>
 
-#include "Platform/AppServiceBus.h"
-#include "Platform/AppServiceConnection.h"
+#include "Platform/AppService/AppServiceBus.h"
+#include "Platform/AppService/AppServiceConnection.h"
 #include "Support/PrivateBus.h"
 #include "Support/StorageMessages.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/AppServiceFrame.h"
+#include "Platform/AppService/AppServiceFrame.h"
 
 using Quorvendale::Platform::AppServiceFrame;
 using Quorvendale::Platform::MalformedFrame;

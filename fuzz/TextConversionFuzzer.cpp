@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/TextConversion.h"
+#include "Platform/Text/TextConversion.h"
 
 using Quorvendale::Platform::utf16ToUtf8;
 using Quorvendale::Platform::utf8ToUtf16;

@@ -18,6 +18,7 @@
 
 #include "NetworkException.h"
 #include "SocketError.h"
+#include "Posix/SystemCall.h"
 #include "SocketPrivate.h"
 
 namespace Quorvendale::Networking {
@@ -112,20 +113,18 @@ bool waitUntilConnected(int fd, std::uint32_t timeoutMilliseconds) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMilliseconds);
     pollfd watched{fd, POLLOUT, 0};
-    for (;;) {
+    const int waited = Posix::retryInterrupted([&] {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        const int waited =
-            ::poll(&watched, 1, static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX)));
-        if (waited > 0) break;
-        if (waited == 0) {
-            lastSocketError = WSAETIMEDOUT;
-            return false;
-        }
-        if (errno != EINTR) {
-            recordError(errno);
-            return false;
-        }
+        return ::poll(&watched, 1, static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX)));
+    });
+    if (waited == 0) {
+        lastSocketError = WSAETIMEDOUT;
+        return false;
+    }
+    if (waited < 0) {
+        recordError(errno);
+        return false;
     }
     int error = 0;
     socklen_t size = sizeof error;

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Platform/TextConversion.h"
+#include "Platform/Text/TextConversion.h"
 #include "Storage/FileSystem.h"
 
 namespace Quorvendale::Storage {

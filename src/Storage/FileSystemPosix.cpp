@@ -8,13 +8,17 @@
 #include <memory>
 #include <utility>
 
-#include "Platform/TextConversion.h"
+#include "Platform/Text/TextConversion.h"
+#include "Posix/FileDescriptor.h"
+#include "Posix/SystemCall.h"
 #include "Storage/FileSystem.h"
 #include "Storage/TextMode.h"
 
 namespace Quorvendale::Storage {
 
 namespace {
+
+using Posix::FileDescriptor;
 
 using Platform::utf16ToUtf8;
 using Platform::utf8ToUtf16;
@@ -46,29 +50,9 @@ private:
     const char* text_;
 };
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    // Closes now and tells whether the close succeeded: a write may only
-    // fail at the close.
-    bool close() { return ::close(std::exchange(fd_, -1)) == 0; }
-
-private:
-    int fd_;
-};
-
 bool writeAll(int fd, const char* data, std::size_t size) {
     while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written < 0 && errno == EINTR) continue;
+        const ssize_t written = Posix::retryInterrupted([&] { return ::write(fd, data, size); });
         if (written <= 0) return false;
         data += written;
         size -= static_cast<std::size_t>(written);
@@ -93,11 +77,8 @@ bool writeTextMode(int fd, std::string_view value) {
 
 // One read, repeated only when a signal interrupts it; 0 when it fails.
 std::size_t readOnce(int fd, char* buffer, std::size_t size) {
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, size);
-        if (got >= 0) return static_cast<std::size_t>(got);
-        if (errno != EINTR) return 0;
-    }
+    const ssize_t got = Posix::retryInterrupted([&] { return ::read(fd, buffer, size); });
+    return got > 0 ? static_cast<std::size_t>(got) : 0;
 }
 
 // Reads until `size` bytes are in or a read gives no more. A single read

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "Platform/TextConversion.h"
+#include "Platform/Text/TextConversion.h"
 #include "Storage/FileSystem.h"
 
 namespace Quorvendale::Storage {

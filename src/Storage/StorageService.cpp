@@ -3,8 +3,8 @@
 #include <exception>
 #include <string>
 
-#include "Platform/AppServiceTriggerDetails.h"
-#include "Platform/TextConversion.h"
+#include "Platform/AppService/AppServiceTriggerDetails.h"
+#include "Platform/Text/TextConversion.h"
 #include "Storage/UwpStorage.h"
 
 namespace Quorvendale::Storage {

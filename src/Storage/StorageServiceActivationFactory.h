@@ -2,7 +2,7 @@
 // module object behind DllGetActivationFactory and DllCanUnloadNow.
 #pragma once
 
-#include "Platform/Module.h"
+#include "Platform/Activation/Module.h"
 
 namespace Quorvendale::Storage {
 

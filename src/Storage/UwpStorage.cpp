@@ -1,6 +1,6 @@
 #include "Storage/UwpStorage.h"
 
-#include "Platform/ApplicationData.h"
+#include "Platform/Activation/ApplicationData.h"
 
 namespace Quorvendale::Storage {
 

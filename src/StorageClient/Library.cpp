@@ -5,7 +5,7 @@
 #include "InterfaceContract/OutSlot.h"
 #include "LocalStorageClient.h"
 #include "LogLine.h"
-#include "Platform/HResultError.h"
+#include "Platform/Foundation/HResultError.h"
 #include "RemoteStorageClient.h"
 
 namespace Quorvendale::StorageClient {

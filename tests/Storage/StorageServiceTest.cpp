@@ -7,8 +7,8 @@
 #include <sys/socket.h>
 
 
-#include "Platform/BackgroundTaskInstance.h"
-#include "Platform/Module.h"
+#include "Platform/Background/BackgroundTaskInstance.h"
+#include "Platform/Activation/Module.h"
 #include "Support/PackageFolder.h"
 #include "Support/StorageMessages.h"
 #include "Support/Waiting.h"

@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
-#include "Platform/AppServiceConnection.h"
-#include "Platform/TextConversion.h"
+#include "Platform/AppService/AppServiceConnection.h"
+#include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::Testing {
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "Platform/IAsyncOperation.h"
+#include "Platform/Foundation/IAsyncOperation.h"
 
 namespace Quorvendale::Testing {
 

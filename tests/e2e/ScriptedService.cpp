@@ -20,11 +20,11 @@
 #include <fstream>
 #include <mutex>
 
-#include "Platform/AppServiceTriggerDetails.h"
-#include "Platform/ApplicationData.h"
-#include "Platform/IBackgroundTask.h"
-#include "Platform/Module.h"
-#include "Platform/TextConversion.h"
+#include "Platform/AppService/AppServiceTriggerDetails.h"
+#include "Platform/Activation/ApplicationData.h"
+#include "Platform/Background/IBackgroundTask.h"
+#include "Platform/Activation/Module.h"
+#include "Platform/Text/TextConversion.h"
 #include "Quorvendale/Export.h"
 
 namespace {

@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "HostLog.h"
-#include "Platform/AppServiceBus.h"
-#include "Platform/BackgroundTaskInstance.h"
-#include "Platform/TextConversion.h"
+#include "Platform/AppService/AppServiceBus.h"
+#include "Platform/Background/BackgroundTaskInstance.h"
+#include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::AppHost {
 
@@ -41,17 +41,16 @@ constexpr std::chrono::seconds unloadPatience{5};
 class ServedConnections : public std::enable_shared_from_this<ServedConnections> {
 public:
     ServedConnections() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+        if (!wake_.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    ~ServedConnections() { ::close(wake_); }
     ServedConnections(const ServedConnections&) = delete;
     ServedConnections& operator=(const ServedConnections&) = delete;
 
     // Readable once a connection has ended since the last drainWakeups.
-    int wakeDescriptor() const { return wake_; }
+    int wakeDescriptor() const { return wake_.get(); }
     void drainWakeups() {
         std::uint64_t ended = 0;
-        [[maybe_unused]] const auto got = ::read(wake_, &ended, sizeof ended);
+        [[maybe_unused]] const auto got = ::read(wake_.get(), &ended, sizeof ended);
     }
 
     // Keeps both until the connection ends.
@@ -105,10 +104,10 @@ private:
         // Inside the lock: once the loop sees the count at zero, no thread
         // touches this object any more.
         const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(wake_, &one, sizeof one);
+        [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
     }
 
-    const int wake_;
+    const Posix::FileDescriptor wake_;
     mutable std::mutex mutex_;  // guards served_ and lastId_
     std::map<std::uint64_t, Served> served_;
     std::uint64_t lastId_ = 0;
@@ -190,23 +189,22 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return sd_bus_error_set_errno(error, errno);
     }
+    Posix::FileDescriptor served(ends[0]);
+    // The reply carries a copy. If it cannot be sent, the client's end goes
+    // here, and the served end sees its stream end: its task is cancelled
+    // like any other.
+    const Posix::FileDescriptor clients(ends[1]);
     try {
-        serve(ends[0]);
+        serve(std::move(served));
     } catch (const HResultError& failure) {
-        ::close(ends[1]);
         return sd_bus_error_setf(
             error, SD_BUS_ERROR_FAILED, "The app service could not be started: 0x%08X %s",
             static_cast<unsigned>(failure.code()), utf16ToUtf8(failure.message()).c_str());
     } catch (const std::exception& failure) {
-        ::close(ends[1]);
         return sd_bus_error_setf(error, SD_BUS_ERROR_FAILED,
                                  "The app service could not be started: %s", failure.what());
     }
-    const int answered = sd_bus_reply_method_return(call, "h", ends[1]);
-    // The reply carries a copy. If it could not be sent, the client's end
-    // goes here, and the served end sees its stream end: its task is
-    // cancelled like any other.
-    ::close(ends[1]);
+    const int answered = sd_bus_reply_method_return(call, "h", clients.get());
     if (answered < 0) {
         logFailure(std::string("cannot answer an Open call: ") + std::strerror(-answered));
     }
@@ -215,8 +213,8 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
 
 // The task runs before the client gets its end, so that no request can
 // arrive before the service listens.
-void AppServiceHost::serve(int descriptor) {
-    const AppServiceConnection connection = AppServiceConnection::fromSocket(descriptor);
+void AppServiceHost::serve(Posix::FileDescriptor socket) {
+    const AppServiceConnection connection = AppServiceConnection::fromSocket(socket.release());
     const auto task = BackgroundTaskInstance::forConnection(connection);
     served_->add(connection, task);
     try {

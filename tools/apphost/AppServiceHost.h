@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "HostOptions.h"
+#include "Posix/FileDescriptor.h"
 #include "ServiceLibrary.h"
 
 namespace Quorvendale::AppHost {
@@ -45,7 +46,7 @@ private:
     static int onConnectionEnded(sd_event_source*, int, std::uint32_t, void* self);
 
     int open(sd_bus_message* call, sd_bus_error* error);
-    void serve(int descriptor);
+    void serve(Posix::FileDescriptor socket);
     void armIdleTimer(std::uint64_t afterMicroseconds);
     void exitWhenIdle();
     void releaseName();

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <system_error>
 
+#include "Posix/FileDescriptor.h"
+
 // Rights of later kernels than the headers may know; their numbers are fixed.
 #ifndef LANDLOCK_ACCESS_FS_TRUNCATE
 #define LANDLOCK_ACCESS_FS_TRUNCATE (1ULL << 14)
@@ -50,23 +52,9 @@ long landlockVersion() {
     throw std::system_error(errno, std::generic_category(), step);
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() {
-        if (descriptor_ >= 0) ::close(descriptor_);
-    }
-    int get() const { return descriptor_; }
-
-private:
-    int descriptor_;
-};
-
 // Grants `rights` (those of them the ruleset handles) beneath the folder.
 void allow(int rules, std::uint64_t handled, const std::string& folder, std::uint64_t rights) {
-    const Descriptor root(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const Posix::FileDescriptor root(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (root.get() < 0) fail("open of a folder to confine to");
     const landlock_path_beneath_attr beneath{.allowed_access = rights & handled,
                                              .parent_fd = root.get()};
@@ -84,7 +72,7 @@ Confinement confineTo(const std::string& folder, const std::vector<std::string>&
 
     const std::uint64_t handled = handledRights(version);
     const landlock_ruleset_attr ruleset{.handled_access_fs = handled};
-    const Descriptor rules(
+    const Posix::FileDescriptor rules(
         static_cast<int>(::syscall(SYS_landlock_create_ruleset, &ruleset, sizeof ruleset, 0)));
     if (rules.get() < 0) fail("landlock_create_ruleset");
     allow(rules.get(), handled, folder, storeRights);

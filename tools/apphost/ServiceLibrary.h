@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "Platform/IBackgroundTask.h"
-#include "Platform/Module.h"
+#include "Platform/Background/IBackgroundTask.h"
+#include "Platform/Activation/Module.h"
 
 namespace Quorvendale::AppHost {
 

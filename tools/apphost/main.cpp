@@ -11,9 +11,9 @@
 
 #include "AppServiceHost.h"
 #include "HostLog.h"
-#include "Platform/AppServiceBus.h"
-#include "Platform/ApplicationData.h"
-#include "Platform/TextConversion.h"
+#include "Platform/AppService/AppServiceBus.h"
+#include "Platform/Activation/ApplicationData.h"
+#include "Platform/Text/TextConversion.h"
 #include "Sandbox.h"
 
 using namespace Quorvendale;

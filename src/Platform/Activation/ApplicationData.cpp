@@ -1,4 +1,4 @@
-#include "ApplicationData.h"
+#include "Platform/Activation/ApplicationData.h"
 
 #include <sys/stat.h>
 
@@ -10,8 +10,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "HResultError.h"
-#include "TextConversion.h"
+#include "Platform/Foundation/HResultError.h"
+#include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::Platform {
 

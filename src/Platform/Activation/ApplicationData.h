@@ -11,23 +11,9 @@
 #include <string>
 #include <utility>
 
-#include "PlatformExport.h"
-#include "hstring.h"
+#include "Platform/Activation/StorageFolder.h"
 
 namespace Quorvendale::Platform {
-
-class QV_PLATFORM_API StorageFolder {
-public:
-    explicit StorageFolder(hstring path) : path_(std::move(path)) {}
-
-    // The folder's full path, without a trailing separator. Taken from a
-    // temporary folder it is moved out, not copied.
-    const hstring& Path() const& { return path_; }
-    hstring Path() && { return std::move(path_); }
-
-private:
-    hstring path_;
-};
 
 class QV_PLATFORM_API ApplicationData {
 public:

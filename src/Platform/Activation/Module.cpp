@@ -1,8 +1,6 @@
-#include "Module.h"
+#include "Platform/Activation/Module.h"
 
 namespace Quorvendale::Platform {
-
-IActivationFactory::~IActivationFactory() = default;
 
 const hstring& hstringOf(HSTRING text) noexcept {
     static const hstring empty;

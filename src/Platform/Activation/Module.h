@@ -1,4 +1,4 @@
-// Activation: the HSTRING handle, IActivationFactory, and Module, the object
+// Activation: the HSTRING handle, and Module, the object
 // each library keeps to count its live objects and to find its class
 // factories by runtime class name (what DllGetActivationFactory and
 // DllCanUnloadNow are built on).
@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "RuntimeObject.h"
+#include "Platform/Activation/IActivationFactory.h"
 
 namespace Quorvendale::Platform {
 
@@ -23,14 +23,6 @@ inline HSTRING get_abi(const hstring& text) noexcept {
 }
 
 QV_PLATFORM_API const hstring& hstringOf(HSTRING text) noexcept;
-
-class QV_PLATFORM_API IActivationFactory : public virtual IInspectable {
-public:
-    virtual com_ptr<IInspectable> ActivateInstance() = 0;
-
-protected:
-    ~IActivationFactory() override;
-};
 
 class QV_PLATFORM_API Module {
 public:

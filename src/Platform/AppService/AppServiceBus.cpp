@@ -1,4 +1,4 @@
-#include "SessionBus.h"
+#include "Platform/AppService/AppServiceBus.h"
 
 #include <fcntl.h>
 #include <systemd/sd-bus.h>
@@ -11,11 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "AppServiceBus.h"
+namespace Quorvendale::Platform::AppServiceBus {
 
-namespace Quorvendale::Platform {
-
-std::string AppServiceBus::sessionBusAddress() {
+std::string sessionBusAddress() {
     if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) {
         return address;
     }
@@ -25,7 +23,7 @@ std::string AppServiceBus::sessionBusAddress() {
     return {};
 }
 
-sd_bus* AppServiceBus::connect(const std::string& address) noexcept {
+sd_bus* connect(const std::string& address) noexcept {
     sd_bus* bus = nullptr;
     if (sd_bus_new(&bus) < 0) return nullptr;
     const bool unixSocket = std::string_view(address).starts_with("unix:");
@@ -38,7 +36,6 @@ sd_bus* AppServiceBus::connect(const std::string& address) noexcept {
     return bus;
 }
 
-namespace Details {
 namespace {
 
 // Above the private buses' service start time-out, so that a host that never
@@ -82,7 +79,7 @@ public:
             }
         }
         kept = false;
-        return Bus(AppServiceBus::connect(address));
+        return Bus(connect(address));
     }
 
     void giveBack(const std::string& address, Bus bus) {
@@ -120,7 +117,7 @@ constexpr ErrorStatus errorStatuses[] = {
     {"org.freedesktop.DBus.Error.TimedOut", AppServiceConnectionStatus::AppUnavailable},
     {"org.freedesktop.DBus.Error.NoReply", AppServiceConnectionStatus::AppUnavailable},
     {"org.freedesktop.DBus.Error.Timeout", AppServiceConnectionStatus::AppUnavailable},
-    {AppServiceBus::appServiceUnavailableError, AppServiceConnectionStatus::AppServiceUnavailable},
+    {appServiceUnavailableError, AppServiceConnectionStatus::AppServiceUnavailable},
 };
 
 AppServiceConnectionStatus statusOf(int result, const sd_bus_error& error) {
@@ -147,8 +144,8 @@ OpenedAppService callOpen(sd_bus* bus, const std::string& packageFamilyName,
 
     sd_bus_message* raw = nullptr;
     const int made = sd_bus_message_new_method_call(
-        bus, &raw, packageFamilyName.c_str(), AppServiceBus::objectPath,
-        AppServiceBus::interfaceName, AppServiceBus::openMethod);
+        bus, &raw, packageFamilyName.c_str(), objectPath,
+        interfaceName, openMethod);
     // A family name that is no bus name cannot belong to an installed service.
     if (made == -EINVAL) return {AppServiceConnectionStatus::AppNotInstalled};
     if (made < 0) return {AppServiceConnectionStatus::Unknown};
@@ -170,16 +167,15 @@ OpenedAppService callOpen(sd_bus* bus, const std::string& packageFamilyName,
         return {AppServiceConnectionStatus::Unknown};
     }
     // The message owns the descriptor it carries; the connection gets its own.
-    const int own = ::fcntl(socket, F_DUPFD_CLOEXEC, 3);
-    if (own < 0) return {AppServiceConnectionStatus::Unknown};
-    return {AppServiceConnectionStatus::Success, own};
+    Posix::FileDescriptor own(::fcntl(socket, F_DUPFD_CLOEXEC, 3));
+    if (!own.valid()) return {AppServiceConnectionStatus::Unknown};
+    return {AppServiceConnectionStatus::Success, std::move(own)};
 }
 
 }  // namespace
 
-OpenedAppService openAppService(const std::string& packageFamilyName,
-                                const std::string& appServiceName) {
-    const std::string address = AppServiceBus::sessionBusAddress();
+OpenedAppService open(const std::string& packageFamilyName, const std::string& appServiceName) {
+    const std::string address = sessionBusAddress();
     if (address.empty()) return {AppServiceConnectionStatus::AppUnavailable};
     // A kept connection may have outlived its bus (a restarted daemon at the
     // same address): its failure earns one more try on a new connection.
@@ -187,7 +183,7 @@ OpenedAppService openAppService(const std::string& packageFamilyName,
         bool kept = false;
         Bus bus = idleBuses().take(address, kept);
         if (!bus) return {AppServiceConnectionStatus::AppUnavailable};
-        const OpenedAppService opened = callOpen(bus.get(), packageFamilyName, appServiceName);
+        OpenedAppService opened = callOpen(bus.get(), packageFamilyName, appServiceName);
         const bool connectionFailed = sd_bus_is_open(bus.get()) <= 0;
         if (connectionFailed && kept) continue;
         if (!connectionFailed) idleBuses().giveBack(address, std::move(bus));
@@ -195,5 +191,4 @@ OpenedAppService openAppService(const std::string& packageFamilyName,
     }
 }
 
-}  // namespace Details
-}  // namespace Quorvendale::Platform
+}  // namespace Quorvendale::Platform::AppServiceBus

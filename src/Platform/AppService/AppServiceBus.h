@@ -10,7 +10,9 @@
 
 #include <string>
 
-#include "PlatformExport.h"
+#include "Platform/AppService/AppServiceConnectionStatus.h"
+#include "Platform/Foundation/PlatformExport.h"
+#include "Posix/FileDescriptor.h"
 
 typedef struct sd_bus sd_bus;
 
@@ -31,5 +33,21 @@ QV_PLATFORM_API std::string sessionBusAddress();
 // Unix socket the daemon cannot see who we are, so it asks to be let in
 // anonymously. The caller owns the connection.
 QV_PLATFORM_API sd_bus* connect(const std::string& address) noexcept;
+
+struct OpenedAppService {
+    AppServiceConnectionStatus status;
+    Posix::FileDescriptor socket{};  // with Success: the connected socket
+};
+
+// Asks the package's host, started by the bus if need be, for a socket to
+// the app service. Blocks for at most the call's time-out and throws nothing
+// but std::bad_alloc. Errors map to statuses:
+//
+//   no bus to connect to, the bus went away       AppUnavailable
+//   org.freedesktop.DBus.Error.ServiceUnknown     AppNotInstalled (no service file)
+//   ...Error.Spawn.*, TimedOut, NoReply, Timeout  AppUnavailable (the host did not start or answer)
+//   the host's appServiceUnavailableError         AppServiceUnavailable
+//   a bus that cannot pass a socket, and any other error    Unknown
+OpenedAppService open(const std::string& packageFamilyName, const std::string& appServiceName);
 
 }  // namespace Quorvendale::Platform::AppServiceBus

@@ -1,12 +1,14 @@
-#include "AppServiceChannel.h"
+#include "Platform/AppService/AppServiceChannel.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <thread>
 
-#include "SystemCall.h"
-#include "ThreadPool.h"
+#include "Platform/AppService/ConnectionObject.h"
+#include "Platform/AppService/IncomingRequest.h"
+#include "Posix/SystemCall.h"
+#include "Platform/Foundation/ThreadPool.h"
 
 namespace Quorvendale::Platform::Details {
 namespace {
@@ -20,11 +22,9 @@ AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSe
 
 }  // namespace
 
-AppServiceChannel::~AppServiceChannel() { ::close(descriptor_); }
-
-std::shared_ptr<AppServiceChannel> AppServiceChannel::open(int descriptor,
+std::shared_ptr<AppServiceChannel> AppServiceChannel::open(Posix::FileDescriptor socket,
                                                            std::weak_ptr<ConnectionObject> owner) {
-    auto channel = std::make_shared<AppServiceChannel>(descriptor, std::move(owner));
+    auto channel = std::make_shared<AppServiceChannel>(std::move(socket), std::move(owner));
     std::thread([channel] { channel->readFrames(); }).detach();
     return channel;
 }
@@ -55,8 +55,8 @@ bool AppServiceChannel::write(const std::string& frame) {
     std::lock_guard lock(writeMutex_);
     for (std::size_t sent = 0; sent < frame.size();) {
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
-        const ssize_t count = retryInterrupted([&] {
-            return ::send(descriptor_, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+        const ssize_t count = Posix::retryInterrupted([&] {
+            return ::send(socket_.get(), frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
         });
         if (count <= 0) return false;
         sent += static_cast<std::size_t>(count);
@@ -84,7 +84,7 @@ void AppServiceChannel::close(bool byPeer) {
         waiting.swap(waiting_);
     }
     // Wakes the reader (it sees the end of the stream) and any blocked writer.
-    ::shutdown(descriptor_, SHUT_RDWR);
+    ::shutdown(socket_.get(), SHUT_RDWR);
     for (auto& [requestId, completion] : waiting) completion.Complete(failed());
     ThreadPool::submit([self = shared_from_this(), byPeer] { self->raiseEnd(byPeer); });
 }
@@ -131,7 +131,7 @@ std::optional<AppServiceFrame> AppServiceChannel::readFrame() {
 
 bool AppServiceChannel::readExactly(char* into, std::size_t size) {
     while (size > 0) {
-        const ssize_t count = retryInterrupted([&] { return ::recv(descriptor_, into, size, 0); });
+        const ssize_t count = Posix::retryInterrupted([&] { return ::recv(socket_.get(), into, size, 0); });
         if (count <= 0) return false;
         into += count;
         size -= static_cast<std::size_t>(count);
@@ -177,32 +177,6 @@ void AppServiceChannel::answer(std::uint64_t requestId, AppServiceResponse respo
         waiting_.erase(waiting);
     }
     completion->Complete(std::move(response));
-}
-
-AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
-    std::lock_guard lock(mutex_);
-    if (answered_) return AppServiceResponseStatus::Failure;
-    const auto frame =
-        AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
-    if (!frame) return AppServiceResponseStatus::MessageSizeTooLarge;
-    if (!channel->write(*frame)) return AppServiceResponseStatus::Failure;
-    answered_ = true;
-    return AppServiceResponseStatus::Success;
-}
-
-void IncomingRequest::hold() {
-    std::lock_guard lock(mutex_);
-    ++holds_;
-}
-
-void IncomingRequest::release() {
-    std::lock_guard lock(mutex_);
-    if (--holds_ > 0 || answered_) return;
-    // Nobody will answer any more: tell the requester rather than leave it waiting.
-    answered_ = true;
-    const auto frame =
-        AppServiceFrame{AppServiceFrame::Kind::Refusal, requestId, ValueSet()}.encode();
-    channel->write(*frame);
 }
 
 }  // namespace Quorvendale::Platform::Details

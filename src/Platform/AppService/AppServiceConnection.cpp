@@ -1,39 +1,9 @@
-#include "AppServiceConnection.h"
+#include "Platform/AppService/AppServiceConnection.h"
 
-#include <atomic>
-
-#include "AppServiceChannel.h"
+#include "Platform/AppService/AppServiceChannel.h"
+#include "Platform/AppService/ConnectionObject.h"
 
 namespace Quorvendale::Platform {
-
-struct AppServiceDeferral::State {
-    explicit State(std::shared_ptr<Details::IncomingRequest> held) : request(std::move(held)) {
-        request->hold();
-    }
-    // A deferral dropped without Complete (its handler failed) still lets the
-    // request go, so that the requester is not left waiting.
-    ~State() { complete(); }
-    void complete() {
-        if (!completed.exchange(true)) request->release();
-    }
-    std::shared_ptr<Details::IncomingRequest> request;
-    std::atomic<bool> completed{false};
-};
-
-void AppServiceDeferral::Complete() const { state_->complete(); }
-
-AppServiceDeferral AppServiceRequestReceivedEventArgs::GetDeferral() const {
-    return AppServiceDeferral(std::make_shared<AppServiceDeferral::State>(request_));
-}
-
-ValueSet AppServiceRequest::Message() const { return request_->message; }
-
-IAsyncOperation<AppServiceResponseStatus> AppServiceRequest::SendResponseAsync(
-    const ValueSet& message) const {
-    AsyncCompletion<AppServiceResponseStatus> completion;
-    completion.Complete(request_->respond(message));
-    return completion.operation();
-}
 
 AppServiceConnection::AppServiceConnection()
     : object_(std::make_shared<Details::ConnectionObject>()) {}

@@ -22,113 +22,20 @@
 #include <functional>
 #include <memory>
 
-#include "IAsyncOperation.h"
-#include "ValueSet.h"
-#include "event.h"
+#include "Platform/AppService/AppServiceClosedEventArgs.h"
+#include "Platform/AppService/AppServiceConnectionStatus.h"
+#include "Platform/AppService/AppServiceRequestReceivedEventArgs.h"
+#include "Platform/AppService/AppServiceResponse.h"
+#include "Platform/Foundation/IAsyncOperation.h"
+#include "Platform/Foundation/ValueSet.h"
+#include "Platform/Foundation/event.h"
 
 namespace Quorvendale::Platform {
 
 namespace Details {
 class AppServiceChannel;
 class ConnectionObject;
-struct IncomingRequest;
 }  // namespace Details
-
-// How an OpenAsync ended. The numbers are the platform's.
-enum class AppServiceConnectionStatus {
-    Success = 0,
-    AppNotInstalled = 1,        // no package of that family name provides a service
-    AppUnavailable = 2,         // its host could not be started or reached
-    AppServiceUnavailable = 3,  // the host declares no app service of that name
-    Unknown = 4,
-    RemoteSystemUnavailable = 5,
-    RemoteSystemNotSupportedByApp = 6,
-    NotAuthorized = 7,
-    AuthenticationError = 8,
-    NetworkNotAvailable = 9,
-    DisabledByPolicy = 10,
-    WebServiceUnavailable = 11,
-};
-
-enum class AppServiceResponseStatus {
-    Success = 0,
-    Failure = 1,
-    ResourceLimitsExceeded = 2,
-    Unknown = 3,
-    RemoteSystemUnavailable = 4,
-    MessageSizeTooLarge = 5,
-};
-
-enum class AppServiceClosedStatus {
-    Completed = 0,
-    Canceled = 1,
-    ResourceLimitsExceeded = 2,
-    Unknown = 3
-};
-
-class QV_PLATFORM_API AppServiceResponse {
-public:
-    AppServiceResponse(AppServiceResponseStatus status, ValueSet message)
-        : status_(status), message_(std::move(message)) {}
-    AppServiceResponseStatus Status() const noexcept { return status_; }
-    // The answer's message; empty unless Status() is Success.
-    ValueSet Message() const { return message_; }
-
-private:
-    AppServiceResponseStatus status_;
-    ValueSet message_;
-};
-
-// Keeps a received request open after its handler returned, so the answer
-// may be sent later. Complete it once the answer has been sent. A request
-// whose handlers have returned and whose deferrals are all complete (or
-// dropped), with no answer sent, is answered with a refusal: the requester
-// sees Failure.
-class QV_PLATFORM_API AppServiceDeferral {
-public:
-    void Complete() const;
-
-private:
-    friend class AppServiceRequestReceivedEventArgs;
-    struct State;
-    explicit AppServiceDeferral(std::shared_ptr<State> state) : state_(std::move(state)) {}
-    std::shared_ptr<State> state_;
-};
-
-class QV_PLATFORM_API AppServiceRequest {
-public:
-    ValueSet Message() const;
-    // Sends the answer; completes with Success once it is written, Failure if
-    // the connection has ended or an answer was already sent, and
-    // MessageSizeTooLarge (sending nothing) if it does not fit in a frame.
-    IAsyncOperation<AppServiceResponseStatus> SendResponseAsync(const ValueSet& message) const;
-
-private:
-    friend class AppServiceRequestReceivedEventArgs;
-    explicit AppServiceRequest(std::shared_ptr<Details::IncomingRequest> request)
-        : request_(std::move(request)) {}
-    std::shared_ptr<Details::IncomingRequest> request_;
-};
-
-class QV_PLATFORM_API AppServiceRequestReceivedEventArgs {
-public:
-    explicit AppServiceRequestReceivedEventArgs(std::shared_ptr<Details::IncomingRequest> request)
-        : request_(std::move(request)) {}
-    AppServiceRequest Request() const { return AppServiceRequest(request_); }
-    AppServiceDeferral GetDeferral() const;
-
-private:
-    std::shared_ptr<Details::IncomingRequest> request_;
-};
-
-class QV_PLATFORM_API AppServiceClosedEventArgs {
-public:
-    explicit AppServiceClosedEventArgs(AppServiceClosedStatus status) : status_(status) {}
-    AppServiceClosedStatus Status() const noexcept { return status_; }
-
-private:
-    AppServiceClosedStatus status_;
-};
 
 class QV_PLATFORM_API AppServiceConnection {
 public:

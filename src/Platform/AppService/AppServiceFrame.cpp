@@ -1,4 +1,4 @@
-#include "AppServiceFrame.h"
+#include "Platform/AppService/AppServiceFrame.h"
 
 namespace Quorvendale::Platform {
 namespace {

@@ -20,7 +20,7 @@
 #include <string>
 #include <string_view>
 
-#include "ValueSet.h"
+#include "Platform/Foundation/ValueSet.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,8 +1,8 @@
 // The trigger details of a task started for an app-service connection.
 #pragma once
 
-#include "AppServiceConnection.h"
-#include "RuntimeObject.h"
+#include "Platform/AppService/AppServiceConnection.h"
+#include "Platform/Foundation/com_ptr.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,10 +1,10 @@
-#include <unistd.h>
+#include "Platform/AppService/ConnectionObject.h"
 
 #include <exception>
 
-#include "AppServiceChannel.h"
-#include "SessionBus.h"
-#include "TextConversion.h"
+#include "Platform/AppService/AppServiceBus.h"
+#include "Platform/Text/TextConversion.h"
+#include "Platform/Foundation/AsyncCompletion.h"
 
 namespace Quorvendale::Platform::Details {
 namespace {
@@ -25,7 +25,7 @@ ConnectionObject::~ConnectionObject() {
 
 std::shared_ptr<ConnectionObject> ConnectionObject::overSocket(int descriptor) {
     auto object = std::make_shared<ConnectionObject>();
-    object->attach(descriptor);
+    object->attach(Posix::FileDescriptor(descriptor));
     return object;
 }
 
@@ -73,38 +73,29 @@ AppServiceConnectionStatus ConnectionObject::openOnBus(const hstring& packageFam
                                                        const hstring& appServiceName) {
     // Nothing may leave as an exception: a caller that reconnects whenever an
     // open throws would otherwise reconnect without end.
-    int socket = -1;
+    AppServiceConnectionStatus status = AppServiceConnectionStatus::Unknown;
     try {
-        const OpenedAppService opened =
-            openAppService(utf16ToUtf8(packageFamilyName), utf16ToUtf8(appServiceName));
-        if (opened.status != AppServiceConnectionStatus::Success) {
-            std::lock_guard lock(mutex_);
-            if (state_ == State::Opening) state_ = State::Unopened;
-            return opened.status;
+        AppServiceBus::OpenedAppService opened =
+            AppServiceBus::open(utf16ToUtf8(packageFamilyName), utf16ToUtf8(appServiceName));
+        status = opened.status;
+        if (status == AppServiceConnectionStatus::Success) {
+            // Closed while it opened: the connection stays closed, the socket goes.
+            return attach(std::move(opened.socket)) ? status : AppServiceConnectionStatus::Unknown;
         }
-        socket = opened.socket;
-        {
-            std::lock_guard lock(mutex_);
-            if (state_ == State::Closed) {
-                ::close(socket);
-                return AppServiceConnectionStatus::Unknown;
-            }
-        }
-        attach(std::exchange(socket, -1));
-        return AppServiceConnectionStatus::Success;
     } catch (...) {
-        if (socket >= 0) ::close(socket);
-        std::lock_guard lock(mutex_);
-        if (state_ == State::Opening) state_ = State::Unopened;
-        return AppServiceConnectionStatus::Unknown;
+        status = AppServiceConnectionStatus::Unknown;
     }
+    std::lock_guard lock(mutex_);
+    if (state_ == State::Opening) state_ = State::Unopened;
+    return status;
 }
 
-void ConnectionObject::attach(int descriptor) {
-    auto channel = AppServiceChannel::open(descriptor, weak_from_this());
+bool ConnectionObject::attach(Posix::FileDescriptor socket) {
     std::lock_guard lock(mutex_);
-    channel_ = std::move(channel);
+    if (state_ == State::Closed) return false;
+    channel_ = AppServiceChannel::open(std::move(socket), weak_from_this());
     state_ = State::Open;
+    return true;
 }
 
 std::shared_ptr<AppServiceChannel> ConnectionObject::channel() const {

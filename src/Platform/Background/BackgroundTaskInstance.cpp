@@ -1,24 +1,8 @@
-#include "BackgroundTaskInstance.h"
+#include "Platform/Background/BackgroundTaskInstance.h"
 
-#include "ThreadPool.h"
+#include "Platform/Foundation/ThreadPool.h"
 
 namespace Quorvendale::Platform {
-
-IBackgroundTaskInstance::~IBackgroundTaskInstance() = default;
-IBackgroundTask::~IBackgroundTask() = default;
-
-BackgroundTaskDeferral::BackgroundTaskDeferral(std::function<void()> release)
-    : release_(std::make_shared<Release>()) {
-    release_->run = std::move(release);
-}
-
-void BackgroundTaskDeferral::Complete() const {
-    if (release_ && !release_->done.exchange(true)) release_->run();
-}
-
-hstring AppServiceTriggerDetails::GetRuntimeClassName() const {
-    return u"Windows.ApplicationModel.AppService.AppServiceTriggerDetails";
-}
 
 BackgroundTaskInstance::BackgroundTaskInstance(com_ptr<IInspectable> triggerDetails)
     : triggerDetails_(std::move(triggerDetails)) {}

@@ -10,9 +10,9 @@
 
 #include <mutex>
 
-#include "AppServiceTriggerDetails.h"
-#include "IAsyncOperation.h"
-#include "IBackgroundTask.h"
+#include "Platform/AppService/AppServiceTriggerDetails.h"
+#include "Platform/Foundation/AsyncCompletion.h"
+#include "Platform/Background/IBackgroundTask.h"
 
 namespace Quorvendale::Platform {
 

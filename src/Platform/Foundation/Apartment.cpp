@@ -1,4 +1,4 @@
-#include "Apartment.h"
+#include "Platform/Foundation/Apartment.h"
 
 namespace Quorvendale::Platform {
 namespace {

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 
-#include "HResultError.h"
-#include "PlatformExport.h"
+#include "Platform/Foundation/HResultError.h"
+#include "Platform/Foundation/PlatformExport.h"
 
 namespace Quorvendale::Platform {
 

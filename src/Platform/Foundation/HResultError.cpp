@@ -1,4 +1,4 @@
-#include "HResultError.h"
+#include "Platform/Foundation/HResultError.h"
 
 namespace Quorvendale::Platform {
 

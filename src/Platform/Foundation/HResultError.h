@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "PlatformExport.h"
-#include "hstring.h"
+#include "Platform/Foundation/PlatformExport.h"
+#include "Platform/Foundation/hstring.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,4 +1,4 @@
-#include "PropertyValue.h"
+#include "Platform/Foundation/PropertyValue.h"
 
 namespace Quorvendale::Platform {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "RuntimeObject.h"
+#include "Platform/Foundation/com_ptr.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,4 +1,4 @@
-#include "ThreadPool.h"
+#include "Platform/Foundation/ThreadPool.h"
 
 #include <condition_variable>
 #include <deque>

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "PlatformExport.h"
+#include "Platform/Foundation/PlatformExport.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,4 +1,4 @@
-#include "ValueSet.h"
+#include "Platform/Foundation/ValueSet.h"
 
 namespace Quorvendale::Platform {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "PropertyValue.h"
+#include "Platform/Foundation/PropertyValue.h"
 
 namespace Quorvendale::Platform {
 

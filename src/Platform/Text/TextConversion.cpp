@@ -1,4 +1,4 @@
-#include "TextConversion.h"
+#include "Platform/Text/TextConversion.h"
 
 #include <bit>
 #include <cstddef>

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "PlatformExport.h"
+#include "Platform/Foundation/PlatformExport.h"
 
 namespace Quorvendale::Platform {
 

@@ -6,7 +6,7 @@
 #include <climits>
 #include <stdexcept>
 
-#include "TextConversion.h"
+#include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::Platform {
 

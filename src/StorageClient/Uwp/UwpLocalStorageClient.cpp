@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "InterfaceContract/ErrorReport.h"
-#include "Platform/Apartment.h"
-#include "Platform/TextConversion.h"
+#include "Platform/Foundation/Apartment.h"
+#include "Platform/Text/TextConversion.h"
 #include "StorageClient/LocalStorageClient.h"
 #include "StorageClient/LogLine.h"
 

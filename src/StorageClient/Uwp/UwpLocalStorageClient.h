@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/AppServiceConnection.h"
+#include "Platform/AppService/AppServiceConnection.h"
 #include "StorageClient/BasicStorageClient.h"
 
 namespace Quorvendale::StorageClient {

@@ -1,9 +1,9 @@
-#include "Platform/ApplicationData.h"
+#include "Platform/Activation/ApplicationData.h"
 
 #include <gtest/gtest.h>
 
-#include "Platform/HResultError.h"
-#include "Platform/TextConversion.h"
+#include "Platform/Foundation/HResultError.h"
+#include "Platform/Text/TextConversion.h"
 #include "Support/PackageFolder.h"
 
 namespace Quorvendale::Platform {

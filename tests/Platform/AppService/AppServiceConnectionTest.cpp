@@ -7,9 +7,9 @@
 #include <optional>
 #include <vector>
 
-#include "Platform/AppServiceConnection.h"
-#include "Platform/AppServiceFrame.h"
-#include "Platform/BackgroundTaskInstance.h"
+#include "Platform/AppService/AppServiceConnection.h"
+#include "Platform/AppService/AppServiceFrame.h"
+#include "Platform/Background/BackgroundTaskInstance.h"
 #include "Support/Waiting.h"
 
 namespace Quorvendale::Platform {

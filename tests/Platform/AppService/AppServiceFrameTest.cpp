@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Platform/AppServiceFrame.h"
+#include "Platform/AppService/AppServiceFrame.h"
 
 namespace Quorvendale::Platform {
 namespace {

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <thread>
 
-#include "Platform/Apartment.h"
-#include "Platform/IAsyncOperation.h"
-#include "Platform/ValueSet.h"
-#include "Platform/event.h"
+#include "Platform/Foundation/Apartment.h"
+#include "Platform/Foundation/AsyncCompletion.h"
+#include "Platform/Foundation/ValueSet.h"
+#include "Platform/Foundation/event.h"
 #include "Support/Waiting.h"
 
 namespace Quorvendale::Platform {

@@ -1,4 +1,4 @@
-#include "Platform/TextConversion.h"
+#include "Platform/Text/TextConversion.h"
 
 #include <gtest/gtest.h>
 

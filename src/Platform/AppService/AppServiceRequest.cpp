@@ -1,0 +1,17 @@
+#include "Platform/AppService/AppServiceRequest.h"
+
+#include "Platform/AppService/IncomingRequest.h"
+#include "Platform/Foundation/AsyncCompletion.h"
+
+namespace Quorvendale::Platform {
+
+ValueSet AppServiceRequest::Message() const { return request_->message; }
+
+IAsyncOperation<AppServiceResponseStatus> AppServiceRequest::SendResponseAsync(
+    const ValueSet& message) const {
+    AsyncCompletion<AppServiceResponseStatus> completion;
+    completion.Complete(request_->respond(message));
+    return completion.operation();
+}
+
+}  // namespace Quorvendale::Platform

@@ -1,0 +1,53 @@
+// ConnectionObject: what the copies of one AppServiceConnection share: the
+// names it opens, its event handlers, and, once open, its channel. It is the
+// channel's one owner: when the last copy goes, it closes the channel.
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "Platform/AppService/AppServiceChannel.h"
+#include "Platform/AppService/AppServiceConnection.h"
+#include "Posix/FileDescriptor.h"
+
+namespace Quorvendale::Platform::Details {
+
+class ConnectionObject : public std::enable_shared_from_this<ConnectionObject> {
+public:
+    ConnectionObject() = default;
+    ConnectionObject(const ConnectionObject&) = delete;
+    ConnectionObject& operator=(const ConnectionObject&) = delete;
+    ~ConnectionObject();
+
+    // An open connection over a connected socket.
+    static std::shared_ptr<ConnectionObject> overSocket(int descriptor);
+
+    hstring appServiceName() const;
+    void appServiceName(const hstring& name);
+    hstring packageFamilyName() const;
+    void packageFamilyName(const hstring& name);
+
+    IAsyncOperation<AppServiceConnectionStatus> open();
+    // The open channel; E_ILLEGAL_METHOD_CALL if it was never opened.
+    std::shared_ptr<AppServiceChannel> channel() const;
+    void close();
+
+    event<const AppServiceConnection&, const AppServiceRequestReceivedEventArgs&> requestReceived;
+    event<const AppServiceConnection&, const AppServiceClosedEventArgs&> serviceClosed;
+
+private:
+    enum class State { Unopened, Opening, Open, Closed };
+
+    AppServiceConnectionStatus openOnBus(const hstring& packageFamilyName,
+                                         const hstring& appServiceName);
+    // Makes the connection open over the socket; false if it was closed.
+    bool attach(Posix::FileDescriptor socket);
+
+    mutable std::mutex mutex_;  // guards the names, the state and the channel
+    hstring appServiceName_;
+    hstring packageFamilyName_;
+    State state_ = State::Unopened;
+    std::shared_ptr<AppServiceChannel> channel_;
+};
+
+}  // namespace Quorvendale::Platform::Details

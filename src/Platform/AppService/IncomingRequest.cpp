@@ -1,0 +1,31 @@
+#include "Platform/AppService/IncomingRequest.h"
+
+namespace Quorvendale::Platform::Details {
+
+AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
+    std::lock_guard lock(mutex_);
+    if (answered_) return AppServiceResponseStatus::Failure;
+    const auto frame =
+        AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
+    if (!frame) return AppServiceResponseStatus::MessageSizeTooLarge;
+    if (!channel->write(*frame)) return AppServiceResponseStatus::Failure;
+    answered_ = true;
+    return AppServiceResponseStatus::Success;
+}
+
+void IncomingRequest::hold() {
+    std::lock_guard lock(mutex_);
+    ++holds_;
+}
+
+void IncomingRequest::release() {
+    std::lock_guard lock(mutex_);
+    if (--holds_ > 0 || answered_) return;
+    // Nobody will answer any more: tell the requester rather than leave it waiting.
+    answered_ = true;
+    const auto frame =
+        AppServiceFrame{AppServiceFrame::Kind::Refusal, requestId, ValueSet()}.encode();
+    channel->write(*frame);
+}
+
+}  // namespace Quorvendale::Platform::Details
