@@ -21,6 +21,7 @@
 #include <semaphore>
 #include <string>
 
+#include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Support/PrivateBus.h"
@@ -36,8 +37,8 @@ using Bench::transfer;
 using namespace Quorvendale;
 using namespace Quorvendale::Platform;
 
-constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
-constexpr const char16_t* storageAppService = u"com.quorvendale.storage.appservice";
+constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
+constexpr const char* storageAppService = Quorvendale::ServiceIdentity::appServiceName.data();
 constexpr const char* peerName = "Bench.Peer_1";
 constexpr std::size_t payloadBytes = 100;
 
@@ -55,7 +56,7 @@ T wait(const IAsyncOperation<T>& operation) {
 AppServiceConnection openStorage() {
     AppServiceConnection connection;
     connection.PackageFamilyName(hstring(utf8ToUtf16(storagePackage)));
-    connection.AppServiceName(storageAppService);
+    connection.AppServiceName(hstring(utf8ToUtf16(storageAppService)));
     if (wait(connection.OpenAsync()) != AppServiceConnectionStatus::Success) {
         throw std::runtime_error("the storage service did not open");
     }

@@ -31,6 +31,7 @@
 #include <map>
 #include <thread>
 
+#include "ServiceIdentity.h"
 #include "LocalStorageBench.h"
 #include "Quorvendale/Client.hpp"
 #include "Support/PrivateBus.h"
@@ -44,7 +45,7 @@ using namespace Quorvendale;
 using Bench::payload;
 using Bench::transfer;
 
-constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
+constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
 
 std::optional<Client::Storage> storage;
 std::filesystem::path fileFolder;

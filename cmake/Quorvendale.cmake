@@ -3,6 +3,7 @@
 if(WIN32)
   include(cmake/Windows.cmake)
 endif()
+include(cmake/ServiceIdentity.cmake)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
 if(QV_WERROR)
@@ -44,7 +45,8 @@ include(GoogleTest)
 function(qv_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;LIBRARIES")
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest_main Threads::Threads)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} ServiceIdentity GTest::gtest_main
+                                        Threads::Threads)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 30
                        PROPERTIES TIMEOUT 120)
 endfunction()
@@ -65,5 +67,6 @@ function(qv_add_benchmark name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;LIBRARIES")
   find_package(benchmark REQUIRED)
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} benchmark::benchmark Threads::Threads)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} ServiceIdentity benchmark::benchmark
+                                        Threads::Threads)
 endfunction()

@@ -5,6 +5,7 @@
 
 #include "Platform/AppService/AppServiceTriggerDetails.h"
 #include "Platform/Text/TextConversion.h"
+#include "ServiceIdentity.h"
 #include "Storage/UwpStorage.h"
 
 namespace Quorvendale::Storage {
@@ -55,7 +56,7 @@ void execute(const ValueSet& message, ValueSet& reply) {
 }  // namespace
 
 hstring StorageService::GetRuntimeClassName() const {
-    return u"Quorvendale.Storage.StorageService";
+    return hstring(ServiceIdentity::serviceClassName);
 }
 
 void StorageService::Run(const com_ptr<IBackgroundTaskInstance>& taskInstance) {

@@ -1,12 +1,13 @@
 #include "StorageServiceActivationFactory.h"
 
+#include "ServiceIdentity.h"
 #include "StorageService.h"
 
 namespace Quorvendale::Storage {
 
 Platform::Module& libraryModule() {
     static Platform::Module module{
-        {u"Quorvendale.Storage.StorageService",
+        {ServiceIdentity::serviceClassName,
          [] {
              return Platform::com_ptr<Platform::IActivationFactory>(
                  Platform::make<__StorageServiceActivationFactory>());

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 
+#include "ServiceIdentity.h"
 #include "Platform/Background/BackgroundTaskInstance.h"
 #include "Platform/Activation/Module.h"
 #include "Support/PackageFolder.h"
@@ -58,8 +59,8 @@ protected:
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
         client_ = AppServiceConnection::fromSocket(ends[0]);
         task_ = BackgroundTaskInstance::forConnection(AppServiceConnection::fromSocket(ends[1]));
-        auto service = factoryOf(u"Quorvendale.Storage.StorageService")->ActivateInstance();
-        EXPECT_EQ(service->GetRuntimeClassName(), hstring(u"Quorvendale.Storage.StorageService"));
+        auto service = factoryOf(ServiceIdentity::serviceClassName)->ActivateInstance();
+        EXPECT_EQ(service->GetRuntimeClassName(), hstring(ServiceIdentity::serviceClassName));
         task_->run(*as<IBackgroundTask>(service));
     }
 
@@ -85,13 +86,14 @@ TEST_F(StorageServiceTest, ACancelledTaskEndsAndStillAnswersItsOpenConnection) {
 }
 
 TEST(StorageServiceActivation, OnlyTheServiceClassIsActivatedAndLiveObjectsPinTheLibrary) {
-    for (const char16_t* other : {u"Quorvendale.Storage.StorageServiceX", u""}) {
-        factoryOf(other, CLASS_E_CLASSNOTAVAILABLE);
+    const std::u16string others[] = {std::u16string(ServiceIdentity::serviceClassName) + u"X", u""};
+    for (const std::u16string& other : others) {
+        factoryOf(hstring(other), CLASS_E_CLASSNOTAVAILABLE);
     }
     EXPECT_EQ(library().getActivationFactory(nullptr, nullptr), E_POINTER);
     ASSERT_EQ(library().canUnloadNow(), S_OK);
 
-    auto factory = factoryOf(u"Quorvendale.Storage.StorageService");
+    auto factory = factoryOf(ServiceIdentity::serviceClassName);
     EXPECT_EQ(factory->GetRuntimeClassName(),
               hstring(u"Quorvendale.Storage.__StorageServiceActivationFactory"));
     EXPECT_EQ(library().canUnloadNow(), S_FALSE);

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
 #include "Support/PrivateBus.h"
@@ -30,8 +31,8 @@ using Testing::request;
 using Testing::success;
 using Status = AppServiceConnectionStatus;
 
-constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
-constexpr const char* storageAppService = "com.quorvendale.storage.appservice";
+constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
+constexpr const char* storageAppService = Quorvendale::ServiceIdentity::appServiceName.data();
 
 // The build tree's service file of the storage service, its host told to
 // leave after `idleSeconds` with nothing to serve.

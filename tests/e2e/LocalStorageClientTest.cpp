@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "ServiceIdentity.h"
 #include "Quorvendale/Client.hpp"
 #include "Support/ChildProcess.h"
 #include "Support/PrivateBus.h"
@@ -25,7 +26,7 @@ using Client::Storage;
 using Testing::contentOf;
 using Testing::PrivateBus;
 
-constexpr const char* storagePackage = "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
+constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
 
 const Client::Library& library() {
     static const Client::Library loaded(QV_STORAGE_LIBRARY);
@@ -37,11 +38,10 @@ const Client::Library& library() {
 void install(const fs::path& folder, bool scripted = false) {
     std::string file = contentOf(QV_BUILD_SERVICE_FILE);
     if (scripted) {
-        const auto replace = [&](const std::string& from, const std::string& to) {
-            file.replace(file.find(from), from.size(), to);
-        };
-        replace("Quorvendale.Storage.StorageService", "Test.ScriptedService");
-        replace(QV_STORAGE_LIBRARY, QV_SCRIPTED_SERVICE);
+        const std::size_t entryPoint = file.find("--entry-point ") + 14;
+        file.replace(entryPoint, file.find(' ', entryPoint) - entryPoint, "Test.ScriptedService");
+        const std::string library = QV_STORAGE_LIBRARY;
+        file.replace(file.find(library), library.size(), QV_SCRIPTED_SERVICE);
     }
     fs::create_directories(folder);
     std::ofstream(folder / (std::string(storagePackage) + ".service")) << file;

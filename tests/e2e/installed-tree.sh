@@ -12,7 +12,8 @@ source=$2
 work=$(mktemp -d "${TMPDIR:-/tmp}/qv-installed-XXXXXX")
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-package=KMWPRT.Quorvendale.Service_x7q2m9vd4hnra
+. "$build/service-identity.env"
+package=$package_family_name
 
 fail() { echo "installed-tree: $*" >&2; exit 1; }
 

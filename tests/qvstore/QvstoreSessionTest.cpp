@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ServiceIdentity.h"
 #include "Support/PrivateBus.h"
 #include "Support/ProgramRun.h"
 
@@ -35,7 +36,7 @@ TEST(QvstoreSession, EveryCommandAgainstTheLocalService) {
     expectRun(qvstore({"write", group, "greeting"}, "hello\nworld"), 0, "");
     expectRun(qvstore({"read", group, "greeting"}), 0, "hello\nworld");
     EXPECT_EQ(Quorvendale::Testing::contentOf(
-                  data.localState("KMWPRT.Quorvendale.Service_x7q2m9vd4hnra") / group / "greeting"),
+                  data.localState(Quorvendale::ServiceIdentity::packageFamilyName.data()) / group / "greeting"),
               "hello\r\nworld");
     expectRun(qvstore({"write", group, "second", "2"}), 0, "");
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "Platform/AppService/AppServiceConnection.h"
+#include "ServiceIdentity.h"
 #include "StorageClient/BasicStorageClient.h"
 
 namespace Quorvendale::StorageClient {
@@ -32,9 +33,8 @@ class UwpLocalStorageClient : public BasicStorageClient {
 public:
     // The storage service's app service, as its package declares it, and
     // the package that provides it.
-    static constexpr std::string_view appServiceName = "com.quorvendale.storage.appservice";
-    static constexpr std::string_view packageFamilyName =
-        "KMWPRT.Quorvendale.Service_x7q2m9vd4hnra";
+    static constexpr std::string_view appServiceName = ServiceIdentity::appServiceName;
+    static constexpr std::string_view packageFamilyName = ServiceIdentity::packageFamilyName;
 
     enum class RequestField { Command = 0, Group = 1, Key = 2, Data = 3 };
     // The entries of one request message, in field order.
