@@ -29,11 +29,14 @@ public:
 
     // Time-outs of blocking receives and sends, in milliseconds (0: none).
     // A failed option call throws SocketErrorException "Failed to set socket
-    // option" / "Failed to get socket option" with the error number. (backend)
-    virtual void setReceiveTimeout(std::uint32_t milliseconds);
-    virtual std::uint32_t getReceiveTimeout();
-    virtual void setSendTimeout(std::uint32_t milliseconds);
-    virtual std::uint32_t getSendTimeout();
+    // option" / "Failed to get socket option" with the error number.
+    enum class Timeout { Receive, Send };
+    void setReceiveTimeout(std::uint32_t milliseconds) {
+        setTimeout(Timeout::Receive, milliseconds);
+    }
+    std::uint32_t getReceiveTimeout() { return getTimeout(Timeout::Receive); }
+    void setSendTimeout(std::uint32_t milliseconds) { setTimeout(Timeout::Send, milliseconds); }
+    std::uint32_t getSendTimeout() { return getTimeout(Timeout::Send); }
 
     // Switches blocking mode; true on success. Never throws.
     virtual bool setBlocking(bool blocking) noexcept = 0;
@@ -77,6 +80,9 @@ protected:
     std::int32_t protocol_;
 
 private:
+    // The option call of one time-out. (backend)
+    void setTimeout(Timeout which, std::uint32_t milliseconds);
+    std::uint32_t getTimeout(Timeout which);
     // The bare system calls: the count, or -1 with the thread's last error
     // set. (backend)
     std::int32_t sendNative(const char* buffer, std::int32_t length, std::int32_t flags) noexcept;

@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "NetworkException.h"
-#include "SocketError.h"
 #include "Posix/SystemCall.h"
+#include "SocketError.h"
 #include "SocketPrivate.h"
 
 namespace Quorvendale::Networking {
@@ -116,7 +116,8 @@ bool waitUntilConnected(int fd, std::uint32_t timeoutMilliseconds) {
     const int waited = Posix::retryInterrupted([&] {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        return ::poll(&watched, 1, static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX)));
+        return ::poll(&watched, 1,
+                      static_cast<int>(std::clamp<long long>(left.count(), 0, INT_MAX)));
     });
     if (waited == 0) {
         lastSocketError = WSAETIMEDOUT;
@@ -138,37 +139,29 @@ timeval toTimeval(std::uint32_t milliseconds) {
             static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
 }
 
-void setTimeout(SocketHandle handle, int option, std::uint32_t milliseconds) {
+int optionOf(SocketPrivateCommon::Timeout which) {
+    return which == SocketPrivateCommon::Timeout::Receive ? SO_RCVTIMEO : SO_SNDTIMEO;
+}
+
+}  // namespace
+
+void SocketPrivateCommon::setTimeout(Timeout which, std::uint32_t milliseconds) {
     const timeval value = toTimeval(milliseconds);
-    if (::setsockopt(descriptor(handle), SOL_SOCKET, option, &value, sizeof value) < 0) {
+    if (::setsockopt(descriptor(handle_), SOL_SOCKET, optionOf(which), &value, sizeof value) < 0) {
         recordError(errno);
         throw SocketErrorException(lastSocketError, "Failed to set socket option");
     }
 }
 
-std::uint32_t getTimeout(SocketHandle handle, int option) {
+std::uint32_t SocketPrivateCommon::getTimeout(Timeout which) {
     timeval value{};
     socklen_t size = sizeof value;
-    if (::getsockopt(descriptor(handle), SOL_SOCKET, option, &value, &size) < 0) {
+    if (::getsockopt(descriptor(handle_), SOL_SOCKET, optionOf(which), &value, &size) < 0) {
         recordError(errno);
         throw SocketErrorException(lastSocketError, "Failed to get socket option");
     }
     return static_cast<std::uint32_t>(value.tv_sec * 1000 + value.tv_usec / 1000);
 }
-
-}  // namespace
-
-void SocketPrivateCommon::setReceiveTimeout(std::uint32_t milliseconds) {
-    setTimeout(handle_, SO_RCVTIMEO, milliseconds);
-}
-
-std::uint32_t SocketPrivateCommon::getReceiveTimeout() { return getTimeout(handle_, SO_RCVTIMEO); }
-
-void SocketPrivateCommon::setSendTimeout(std::uint32_t milliseconds) {
-    setTimeout(handle_, SO_SNDTIMEO, milliseconds);
-}
-
-std::uint32_t SocketPrivateCommon::getSendTimeout() { return getTimeout(handle_, SO_SNDTIMEO); }
 
 std::int32_t SocketPrivateCommon::sendNative(const char* buffer, std::int32_t length,
                                              std::int32_t flags) noexcept {

@@ -22,24 +22,6 @@ SOCKET native(SocketHandle handle) { return static_cast<SOCKET>(handle); }
     throw SocketErrorException(static_cast<std::uint32_t>(::WSAGetLastError()), message);
 }
 
-void setTimeout(SocketHandle handle, int option, std::uint32_t milliseconds) {
-    const DWORD value = milliseconds;
-    if (::setsockopt(native(handle), SOL_SOCKET, option, reinterpret_cast<const char*>(&value),
-                     sizeof value) < 0) {
-        failOption("Failed to set socket option");
-    }
-}
-
-std::uint32_t getTimeout(SocketHandle handle, int option) {
-    DWORD value = 0;
-    int size = sizeof value;
-    if (::getsockopt(native(handle), SOL_SOCKET, option, reinterpret_cast<char*>(&value), &size) <
-        0) {
-        failOption("Failed to get socket option");
-    }
-    return value;
-}
-
 // Waits for a connect under way. Windows shows a failed connect in the
 // exception set and never as writable, so writable alone means connected;
 // the exception set is left out, so a refused connect waits out the time
@@ -56,19 +38,29 @@ bool waitUntilConnected(SOCKET socket, std::uint32_t timeoutMilliseconds) {
     return ready > 0;
 }
 
+int optionOf(SocketPrivateCommon::Timeout which) {
+    return which == SocketPrivateCommon::Timeout::Receive ? SO_RCVTIMEO : SO_SNDTIMEO;
+}
+
 }  // namespace
 
-void SocketPrivateCommon::setReceiveTimeout(std::uint32_t milliseconds) {
-    setTimeout(handle_, SO_RCVTIMEO, milliseconds);
+void SocketPrivateCommon::setTimeout(Timeout which, std::uint32_t milliseconds) {
+    const DWORD value = milliseconds;
+    if (::setsockopt(native(handle_), SOL_SOCKET, optionOf(which),
+                     reinterpret_cast<const char*>(&value), sizeof value) < 0) {
+        failOption("Failed to set socket option");
+    }
 }
 
-std::uint32_t SocketPrivateCommon::getReceiveTimeout() { return getTimeout(handle_, SO_RCVTIMEO); }
-
-void SocketPrivateCommon::setSendTimeout(std::uint32_t milliseconds) {
-    setTimeout(handle_, SO_SNDTIMEO, milliseconds);
+std::uint32_t SocketPrivateCommon::getTimeout(Timeout which) {
+    DWORD value = 0;
+    int size = sizeof value;
+    if (::getsockopt(native(handle_), SOL_SOCKET, optionOf(which), reinterpret_cast<char*>(&value),
+                     &size) < 0) {
+        failOption("Failed to get socket option");
+    }
+    return value;
 }
-
-std::uint32_t SocketPrivateCommon::getSendTimeout() { return getTimeout(handle_, SO_SNDTIMEO); }
 
 std::int32_t SocketPrivateCommon::sendNative(const char* buffer, std::int32_t length,
                                              std::int32_t flags) noexcept {

@@ -10,9 +10,9 @@
 // succeeds with an empty response.
 #pragma once
 
+#include "Platform/Activation/Module.h"
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/Background/IBackgroundTask.h"
-#include "Platform/Activation/Module.h"
 #include "StorageServiceActivationFactory.h"
 
 namespace Quorvendale::Storage {

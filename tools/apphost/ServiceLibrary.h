@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "Platform/Background/IBackgroundTask.h"
 #include "Platform/Activation/Module.h"
+#include "Platform/Background/IBackgroundTask.h"
 
 namespace Quorvendale::AppHost {
 

@@ -11,8 +11,8 @@
 
 #include "AppServiceHost.h"
 #include "HostLog.h"
-#include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Activation/ApplicationData.h"
+#include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Text/TextConversion.h"
 #include "Sandbox.h"
 

@@ -143,9 +143,8 @@ OpenedAppService callOpen(sd_bus* bus, const std::string& packageFamilyName,
     if (canSendSocket == 0) return {AppServiceConnectionStatus::Unknown};
 
     sd_bus_message* raw = nullptr;
-    const int made = sd_bus_message_new_method_call(
-        bus, &raw, packageFamilyName.c_str(), objectPath,
-        interfaceName, openMethod);
+    const int made = sd_bus_message_new_method_call(bus, &raw, packageFamilyName.c_str(),
+                                                    objectPath, interfaceName, openMethod);
     // A family name that is no bus name cannot belong to an installed service.
     if (made == -EINVAL) return {AppServiceConnectionStatus::AppNotInstalled};
     if (made < 0) return {AppServiceConnectionStatus::Unknown};

@@ -7,8 +7,8 @@
 
 #include "Platform/AppService/ConnectionObject.h"
 #include "Platform/AppService/IncomingRequest.h"
-#include "Posix/SystemCall.h"
 #include "Platform/Foundation/ThreadPool.h"
+#include "Posix/SystemCall.h"
 
 namespace Quorvendale::Platform::Details {
 namespace {
@@ -131,7 +131,8 @@ std::optional<AppServiceFrame> AppServiceChannel::readFrame() {
 
 bool AppServiceChannel::readExactly(char* into, std::size_t size) {
     while (size > 0) {
-        const ssize_t count = Posix::retryInterrupted([&] { return ::recv(socket_.get(), into, size, 0); });
+        const ssize_t count =
+            Posix::retryInterrupted([&] { return ::recv(socket_.get(), into, size, 0); });
         if (count <= 0) return false;
         into += count;
         size -= static_cast<std::size_t>(count);

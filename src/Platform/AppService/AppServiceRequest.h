@@ -3,9 +3,9 @@
 
 #include <memory>
 
+#include "Platform/AppService/AppServiceResponse.h"
 #include "Platform/Foundation/IAsyncOperation.h"
 #include "Platform/Foundation/ValueSet.h"
-#include "Platform/AppService/AppServiceResponse.h"
 
 namespace Quorvendale::Platform {
 

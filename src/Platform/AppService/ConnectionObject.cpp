@@ -3,8 +3,8 @@
 #include <exception>
 
 #include "Platform/AppService/AppServiceBus.h"
-#include "Platform/Text/TextConversion.h"
 #include "Platform/Foundation/AsyncCompletion.h"
+#include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::Platform::Details {
 namespace {

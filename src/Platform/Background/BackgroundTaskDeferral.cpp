@@ -11,5 +11,4 @@ void BackgroundTaskDeferral::Complete() const {
     if (release_ && !release_->done.exchange(true)) release_->run();
 }
 
-
 }  // namespace Quorvendale::Platform

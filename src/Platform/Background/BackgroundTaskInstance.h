@@ -11,8 +11,8 @@
 #include <mutex>
 
 #include "Platform/AppService/AppServiceTriggerDetails.h"
-#include "Platform/Foundation/AsyncCompletion.h"
 #include "Platform/Background/IBackgroundTask.h"
+#include "Platform/Foundation/AsyncCompletion.h"
 
 namespace Quorvendale::Platform {
 

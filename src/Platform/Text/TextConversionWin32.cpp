@@ -37,25 +37,12 @@ void appendUtf16(std::u16string& to, std::string_view text) {
     });
 }
 
-std::u16string utf8ToUtf16(std::string_view text) {
-    std::u16string result;
-    appendUtf16(result, text);
-    return result;
-}
-
 std::size_t utf16ToUtf8(std::u16string_view text, char* out) {
     text = upToFirstZero(text);
     if (text.empty()) return 0;
     return static_cast<std::size_t>(::WideCharToMultiByte(
         CP_UTF8, 0, reinterpret_cast<const wchar_t*>(text.data()), static_cast<int>(text.size()),
         out, static_cast<int>(utf8SizeLimit(text.size())), nullptr, nullptr));
-}
-
-std::string utf16ToUtf8(std::u16string_view text) {
-    std::string result;
-    result.resize_and_overwrite(utf8SizeLimit(text.size()),
-                                [&](char* begin, std::size_t) { return utf16ToUtf8(text, begin); });
-    return result;
 }
 
 }  // namespace Quorvendale::Platform
