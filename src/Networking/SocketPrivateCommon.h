@@ -31,12 +31,14 @@ public:
     // A failed option call throws SocketErrorException "Failed to set socket
     // option" / "Failed to get socket option" with the error number.
     enum class Timeout { Receive, Send };
-    void setReceiveTimeout(std::uint32_t milliseconds) {
+    virtual void setReceiveTimeout(std::uint32_t milliseconds) {
         setTimeout(Timeout::Receive, milliseconds);
     }
-    std::uint32_t getReceiveTimeout() { return getTimeout(Timeout::Receive); }
-    void setSendTimeout(std::uint32_t milliseconds) { setTimeout(Timeout::Send, milliseconds); }
-    std::uint32_t getSendTimeout() { return getTimeout(Timeout::Send); }
+    virtual std::uint32_t getReceiveTimeout() { return getTimeout(Timeout::Receive); }
+    virtual void setSendTimeout(std::uint32_t milliseconds) {
+        setTimeout(Timeout::Send, milliseconds);
+    }
+    virtual std::uint32_t getSendTimeout() { return getTimeout(Timeout::Send); }
 
     // Switches blocking mode; true on success. Never throws.
     virtual bool setBlocking(bool blocking) noexcept = 0;

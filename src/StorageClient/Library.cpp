@@ -5,18 +5,9 @@
 #include "InterfaceContract/OutSlot.h"
 #include "LocalStorageClient.h"
 #include "LogLine.h"
-#include "Platform/Foundation/HResultError.h"
 #include "RemoteStorageClient.h"
 
 namespace Quorvendale::StorageClient {
-
-// The boundary's result codes are the platform's HRESULTs, bit for bit.
-static_assert(QV_S_OK == static_cast<ResultCode>(Platform::S_OK));
-static_assert(QV_E_NOINTERFACE == static_cast<ResultCode>(Platform::E_NOINTERFACE));
-static_assert(QV_E_POINTER == static_cast<ResultCode>(Platform::E_POINTER));
-static_assert(QV_E_FAIL == static_cast<ResultCode>(Platform::E_FAIL));
-static_assert(QV_E_INVALIDARG == static_cast<ResultCode>(Platform::E_INVALIDARG));
-static_assert(QV_E_OUTOFMEMORY == static_cast<ResultCode>(Platform::E_OUTOFMEMORY));
 
 void Library::createRemoteStorageClient(const std::string& address, std::uint32_t port,
                                         IStorage** out) {

@@ -17,13 +17,9 @@ Details::ConnectionObject& AppServiceConnection::object() const {
     return *object_;
 }
 
-hstring AppServiceConnection::AppServiceName() const { return object().appServiceName(); }
-
 void AppServiceConnection::AppServiceName(const hstring& name) const {
     object().appServiceName(name);
 }
-
-hstring AppServiceConnection::PackageFamilyName() const { return object().packageFamilyName(); }
 
 void AppServiceConnection::PackageFamilyName(const hstring& name) const {
     object().packageFamilyName(name);
@@ -42,16 +38,8 @@ event_token AppServiceConnection::RequestReceived(RequestReceivedHandler handler
     return object().requestReceived.add(std::move(handler));
 }
 
-void AppServiceConnection::RequestReceived(event_token token) const {
-    object().requestReceived.remove(token);
-}
-
 event_token AppServiceConnection::ServiceClosed(ServiceClosedHandler handler) const {
     return object().serviceClosed.add(std::move(handler));
-}
-
-void AppServiceConnection::ServiceClosed(event_token token) const {
-    object().serviceClosed.remove(token);
 }
 
 void AppServiceConnection::Close() const { object().close(); }

@@ -57,9 +57,7 @@ public:
 
     // What OpenAsync opens: the app service's name, as its package declares
     // it, and the package's family name. Set them before opening.
-    hstring AppServiceName() const;
     void AppServiceName(const hstring& name) const;
-    hstring PackageFamilyName() const;
     void PackageFamilyName(const hstring& name) const;
 
     // Asks the session bus for the app service; the connection is open once
@@ -78,9 +76,7 @@ public:
 
     // Handlers may be registered before the connection is open.
     event_token RequestReceived(RequestReceivedHandler handler) const;
-    void RequestReceived(event_token token) const;
     event_token ServiceClosed(ServiceClosedHandler handler) const;
-    void ServiceClosed(event_token token) const;
 
     // Ends the connection now, for both sides; the peer sees the stream end.
     // A connection closed before it was opened can no longer be opened.

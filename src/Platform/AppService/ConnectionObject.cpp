@@ -29,19 +29,9 @@ std::shared_ptr<ConnectionObject> ConnectionObject::overSocket(int descriptor) {
     return object;
 }
 
-hstring ConnectionObject::appServiceName() const {
-    std::lock_guard lock(mutex_);
-    return appServiceName_;
-}
-
 void ConnectionObject::appServiceName(const hstring& name) {
     std::lock_guard lock(mutex_);
     appServiceName_ = name;
-}
-
-hstring ConnectionObject::packageFamilyName() const {
-    std::lock_guard lock(mutex_);
-    return packageFamilyName_;
 }
 
 void ConnectionObject::packageFamilyName(const hstring& name) {

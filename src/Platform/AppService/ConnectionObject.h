@@ -22,9 +22,7 @@ public:
     // An open connection over a connected socket.
     static std::shared_ptr<ConnectionObject> overSocket(int descriptor);
 
-    hstring appServiceName() const;
     void appServiceName(const hstring& name);
-    hstring packageFamilyName() const;
     void packageFamilyName(const hstring& name);
 
     IAsyncOperation<AppServiceConnectionStatus> open();

@@ -33,8 +33,6 @@ event_token BackgroundTaskInstance::Canceled(BackgroundTaskCanceledEventHandler 
     return canceled_.add(std::move(handler));
 }
 
-void BackgroundTaskInstance::Canceled(event_token token) { canceled_.remove(token); }
-
 com_ptr<IInspectable> BackgroundTaskInstance::TriggerDetails() const { return triggerDetails_; }
 
 void BackgroundTaskInstance::run(IBackgroundTask& task) {

@@ -23,7 +23,6 @@ public:
     hstring GetRuntimeClassName() const override;
     BackgroundTaskDeferral GetDeferral() override;
     event_token Canceled(BackgroundTaskCanceledEventHandler handler) override;
-    void Canceled(event_token token) override;
     com_ptr<IInspectable> TriggerDetails() const override;
 
     // Runs the task; an exception from Run leaves here after the task's own

@@ -20,7 +20,6 @@ class QV_PLATFORM_API IBackgroundTaskInstance : public virtual IInspectable {
 public:
     virtual BackgroundTaskDeferral GetDeferral() = 0;
     virtual event_token Canceled(BackgroundTaskCanceledEventHandler handler) = 0;
-    virtual void Canceled(event_token token) = 0;
     // What started the task: AppServiceTriggerDetails for an app-service task.
     virtual com_ptr<IInspectable> TriggerDetails() const = 0;
 

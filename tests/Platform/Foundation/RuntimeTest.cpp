@@ -7,10 +7,19 @@
 #include "Platform/Foundation/AsyncCompletion.h"
 #include "Platform/Foundation/ValueSet.h"
 #include "Platform/Foundation/event.h"
+#include "Quorvendale/InterfaceContract.h"
 #include "Support/Waiting.h"
 
 namespace Quorvendale::Platform {
 namespace {
+
+// The boundary's result codes are the platform's HRESULTs, bit for bit.
+static_assert(QV_S_OK == static_cast<InterfaceContract::ResultCode>(S_OK));
+static_assert(QV_E_NOINTERFACE == static_cast<InterfaceContract::ResultCode>(E_NOINTERFACE));
+static_assert(QV_E_POINTER == static_cast<InterfaceContract::ResultCode>(E_POINTER));
+static_assert(QV_E_FAIL == static_cast<InterfaceContract::ResultCode>(E_FAIL));
+static_assert(QV_E_INVALIDARG == static_cast<InterfaceContract::ResultCode>(E_INVALIDARG));
+static_assert(QV_E_OUTOFMEMORY == static_cast<InterfaceContract::ResultCode>(E_OUTOFMEMORY));
 
 using Testing::await;
 
