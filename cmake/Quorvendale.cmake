@@ -6,6 +6,11 @@ endif()
 include(cmake/ServiceIdentity.cmake)
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # Every mutex and what it guards are annotated (Platform/Foundation/Mutex.h):
+  # an unguarded access is a compile error in the clang builds.
+  add_compile_options(-Wthread-safety)
+endif()
 if(QV_WERROR)
   add_compile_options(-Werror)
 endif()

@@ -8,13 +8,13 @@
 #include <csignal>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <system_error>
 #include <thread>
 
 #include "HostLog.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Background/BackgroundTaskInstance.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::AppHost {
@@ -57,7 +57,7 @@ public:
     void add(const AppServiceConnection& connection, com_ptr<BackgroundTaskInstance> task) {
         std::uint64_t id = 0;
         {
-            std::lock_guard lock(mutex_);
+            Platform::MutexLock lock(mutex_);
             id = ++lastId_;
             served_.emplace(id, Served{connection, std::move(task)});
         }
@@ -67,7 +67,7 @@ public:
     }
 
     std::size_t count() const {
-        std::lock_guard lock(mutex_);
+        Platform::MutexLock lock(mutex_);
         return served_.size();
     }
 
@@ -88,7 +88,7 @@ private:
     };
 
     std::vector<Served> snapshot() const {
-        std::lock_guard lock(mutex_);
+        Platform::MutexLock lock(mutex_);
         std::vector<Served> all;
         for (const auto& [id, served] : served_) all.push_back(served);
         return all;
@@ -96,7 +96,7 @@ private:
 
     void forget(std::uint64_t id) {
         Served gone;  // let go outside the lock
-        std::lock_guard lock(mutex_);
+        Platform::MutexLock lock(mutex_);
         const auto found = served_.find(id);
         if (found == served_.end()) return;
         gone = std::move(found->second);
@@ -108,9 +108,9 @@ private:
     }
 
     const Posix::FileDescriptor wake_;
-    mutable std::mutex mutex_;  // guards served_ and lastId_
-    std::map<std::uint64_t, Served> served_;
-    std::uint64_t lastId_ = 0;
+    mutable Platform::Mutex mutex_;
+    std::map<std::uint64_t, Served> served_ QV_GUARDED_BY(mutex_);
+    std::uint64_t lastId_ QV_GUARDED_BY(mutex_) = 0;
 };
 
 AppServiceHost::AppServiceHost(const HostOptions& options, const ServiceLibrary& library,

@@ -5,12 +5,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <system_error>
 
 #include "Platform/Foundation/HResultError.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Platform/Text/TextConversion.h"
 
 namespace Quorvendale::Platform {
@@ -57,12 +57,18 @@ bool isFolder(const std::string& path) {
 // store asks for its root twice in every operation, and a package's folder,
 // like the platform's, does not go away while its application runs: a path
 // seen before is neither checked nor converted again.
+struct MadeFolders {
+    Mutex mutex;
+    std::map<std::string, hstring, std::less<>> paths QV_GUARDED_BY(mutex);
+};
+
 hstring madeFolder(const std::string& path) {
-    static std::mutex mutex;
-    static std::map<std::string, hstring, std::less<>> made;
+    static MadeFolders made;
     {
-        const std::lock_guard lock(mutex);
-        if (const auto found = made.find(path); found != made.end()) return found->second;
+        const MutexLock lock(made.mutex);
+        if (const auto found = made.paths.find(path); found != made.paths.end()) {
+            return found->second;
+        }
     }
     if (!isFolder(path)) {
         std::error_code error;
@@ -70,8 +76,8 @@ hstring madeFolder(const std::string& path) {
         if (error) failLocalFolder(path + ": " + error.message());
     }
     hstring folder(utf8ToUtf16(path));
-    const std::lock_guard lock(mutex);
-    made.emplace(path, folder);
+    const MutexLock lock(made.mutex);
+    made.paths.emplace(path, folder);
     return folder;
 }
 

@@ -6,10 +6,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform::AppServiceBus {
 
@@ -69,7 +70,7 @@ public:
     // made); `kept` tells which.
     Bus take(const std::string& address, bool& kept) {
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             for (auto idle = idle_.begin(); idle != idle_.end(); ++idle) {
                 if (idle->first != address) continue;
                 Bus bus = std::move(idle->second);
@@ -88,15 +89,15 @@ public:
         while (sd_bus_process(bus.get(), nullptr) > 0) {
         }
         if (sd_bus_is_open(bus.get()) <= 0) return;
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (idle_.size() < maximumIdle) idle_.emplace_back(address, std::move(bus));
     }
 
 private:
     static constexpr std::size_t maximumIdle = 4;
 
-    std::mutex mutex_;  // guards idle_
-    std::vector<std::pair<std::string, Bus>> idle_;
+    Mutex mutex_;
+    std::vector<std::pair<std::string, Bus>> idle_ QV_GUARDED_BY(mutex_);
 };
 
 // Never destroyed: an open may still be running on a pool thread at exit.

@@ -33,7 +33,7 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
     AsyncCompletion<AppServiceResponse> completion;
     std::uint64_t requestId = 0;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (closed_) {
             completion.Complete(failed());
             return completion.operation();
@@ -52,7 +52,7 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
 }
 
 bool AppServiceChannel::write(const std::string& frame) {
-    std::lock_guard lock(writeMutex_);
+    MutexLock lock(writeMutex_);
     for (std::size_t sent = 0; sent < frame.size();) {
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
         const ssize_t count = Posix::retryInterrupted([&] {
@@ -66,7 +66,7 @@ bool AppServiceChannel::write(const std::string& frame) {
 
 void AppServiceChannel::whenEnded(std::function<void()> handler) {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (!closed_) {
             ended_.add(std::move(handler));
             return;
@@ -78,7 +78,7 @@ void AppServiceChannel::whenEnded(std::function<void()> handler) {
 void AppServiceChannel::close(bool byPeer) {
     decltype(waiting_) waiting;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (closed_) return;
         closed_ = true;
         waiting.swap(waiting_);
@@ -171,7 +171,7 @@ void AppServiceChannel::raiseRequest(std::uint64_t requestId, ValueSet message) 
 void AppServiceChannel::answer(std::uint64_t requestId, AppServiceResponse response) {
     std::optional<AsyncCompletion<AppServiceResponse>> completion;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         auto waiting = waiting_.find(requestId);
         if (waiting == waiting_.end()) return;
         completion = std::move(waiting->second);

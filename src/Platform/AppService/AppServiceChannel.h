@@ -7,13 +7,13 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/AppService/AppServiceFrame.h"
 #include "Platform/Foundation/AsyncCompletion.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Posix/FileDescriptor.h"
 
 namespace Quorvendale::Platform::Details {
@@ -46,11 +46,16 @@ private:
 
     const Posix::FileDescriptor socket_;
     const std::weak_ptr<ConnectionObject> owner_;
-    std::mutex writeMutex_;  // keeps each frame's bytes together on the socket
-    std::mutex mutex_;       // guards closed_, lastRequestId_ and waiting_
-    bool closed_ = false;
-    std::uint64_t lastRequestId_ = 0;
-    std::map<std::uint64_t, AsyncCompletion<AppServiceResponse>> waiting_;
+    // Keeps each frame's bytes together on the socket. The innermost lock:
+    // an answer is written with its IncomingRequest's lock held, and nothing
+    // is locked while this one is held.
+    Mutex writeMutex_;
+    // Taken alone, never with writeMutex_: a request is registered under it,
+    // and written after it is let go.
+    Mutex mutex_;
+    bool closed_ QV_GUARDED_BY(mutex_) = false;
+    std::uint64_t lastRequestId_ QV_GUARDED_BY(mutex_) = 0;
+    std::map<std::uint64_t, AsyncCompletion<AppServiceResponse>> waiting_ QV_GUARDED_BY(mutex_);
     event<> ended_;
 };
 

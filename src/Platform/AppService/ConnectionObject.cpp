@@ -30,12 +30,12 @@ std::shared_ptr<ConnectionObject> ConnectionObject::overSocket(int descriptor) {
 }
 
 void ConnectionObject::appServiceName(const hstring& name) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     appServiceName_ = name;
 }
 
 void ConnectionObject::packageFamilyName(const hstring& name) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     packageFamilyName_ = name;
 }
 
@@ -43,7 +43,7 @@ IAsyncOperation<AppServiceConnectionStatus> ConnectionObject::open() {
     hstring packageFamilyName;
     hstring appServiceName;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (state_ != State::Unopened) {
             return failedOperation<AppServiceConnectionStatus>(E_ILLEGAL_METHOD_CALL);
         }
@@ -75,13 +75,13 @@ AppServiceConnectionStatus ConnectionObject::openOnBus(const hstring& packageFam
     } catch (...) {
         status = AppServiceConnectionStatus::Unknown;
     }
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (state_ == State::Opening) state_ = State::Unopened;
     return status;
 }
 
 bool ConnectionObject::attach(Posix::FileDescriptor socket) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (state_ == State::Closed) return false;
     channel_ = AppServiceChannel::open(std::move(socket), weak_from_this());
     state_ = State::Open;
@@ -89,7 +89,7 @@ bool ConnectionObject::attach(Posix::FileDescriptor socket) {
 }
 
 std::shared_ptr<AppServiceChannel> ConnectionObject::channel() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!channel_) throw HResultError(E_ILLEGAL_METHOD_CALL);
     return channel_;
 }
@@ -97,7 +97,7 @@ std::shared_ptr<AppServiceChannel> ConnectionObject::channel() const {
 void ConnectionObject::close() {
     std::shared_ptr<AppServiceChannel> channel;
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         state_ = State::Closed;
         channel = channel_;
     }

@@ -4,10 +4,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
 #include "Platform/AppService/AppServiceChannel.h"
 #include "Platform/AppService/AppServiceConnection.h"
+#include "Platform/Foundation/Mutex.h"
 #include "Posix/FileDescriptor.h"
 
 namespace Quorvendale::Platform::Details {
@@ -41,11 +41,13 @@ private:
     // Makes the connection open over the socket; false if it was closed.
     bool attach(Posix::FileDescriptor socket);
 
-    mutable std::mutex mutex_;  // guards the names, the state and the channel
-    hstring appServiceName_;
-    hstring packageFamilyName_;
-    State state_ = State::Unopened;
-    std::shared_ptr<AppServiceChannel> channel_;
+    // Taken alone: nothing else is locked while it is held (a channel is
+    // made under it, and closed only after it is let go).
+    mutable Mutex mutex_;
+    hstring appServiceName_ QV_GUARDED_BY(mutex_);
+    hstring packageFamilyName_ QV_GUARDED_BY(mutex_);
+    State state_ QV_GUARDED_BY(mutex_) = State::Unopened;
+    std::shared_ptr<AppServiceChannel> channel_ QV_GUARDED_BY(mutex_);
 };
 
 }  // namespace Quorvendale::Platform::Details

@@ -3,7 +3,7 @@
 namespace Quorvendale::Platform::Details {
 
 AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (answered_) return AppServiceResponseStatus::Failure;
     const auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
@@ -14,12 +14,12 @@ AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
 }
 
 void IncomingRequest::hold() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     ++holds_;
 }
 
 void IncomingRequest::release() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (--holds_ > 0 || answered_) return;
     // Nobody will answer any more: tell the requester rather than leave it waiting.
     answered_ = true;

@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "Platform/AppService/AppServiceChannel.h"
+#include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform::Details {
 
@@ -24,9 +24,11 @@ struct IncomingRequest {
     const ValueSet message;
 
 private:
-    std::mutex mutex_;    // guards holds_ and answered_, and orders the answer's write
-    unsigned holds_ = 1;  // the handlers' own, dropped when they return
-    bool answered_ = false;
+    // Held while the answer or the refusal is written, so that only one of
+    // them leaves: taken before the channel's write lock, never after it.
+    Mutex mutex_;
+    unsigned holds_ QV_GUARDED_BY(mutex_) = 1;  // the handlers' own, dropped when they return
+    bool answered_ QV_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace Quorvendale::Platform::Details

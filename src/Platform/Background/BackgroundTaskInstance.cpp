@@ -22,7 +22,7 @@ hstring BackgroundTaskInstance::GetRuntimeClassName() const {
 
 BackgroundTaskDeferral BackgroundTaskInstance::GetDeferral() {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         ++holds_;
     }
     return BackgroundTaskDeferral(
@@ -45,7 +45,7 @@ void BackgroundTaskInstance::run(IBackgroundTask& task) {
 
 void BackgroundTaskInstance::Cancel(BackgroundTaskCancellationReason reason) {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (cancelRaised_) return;
         cancelRaised_ = true;
     }
@@ -57,7 +57,7 @@ void BackgroundTaskInstance::Cancel(BackgroundTaskCancellationReason reason) {
 
 void BackgroundTaskInstance::release() {
     {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (--holds_ > 0) return;
     }
     ended_.Complete(true);

@@ -8,11 +8,10 @@
 // after that one raise.
 #pragma once
 
-#include <mutex>
-
 #include "Platform/AppService/AppServiceTriggerDetails.h"
 #include "Platform/Background/IBackgroundTask.h"
 #include "Platform/Foundation/AsyncCompletion.h"
+#include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
 
@@ -37,9 +36,9 @@ private:
 
     const com_ptr<IInspectable> triggerDetails_;
     event<const com_ptr<IBackgroundTaskInstance>&, BackgroundTaskCancellationReason> canceled_;
-    std::mutex mutex_;
-    unsigned holds_ = 1;  // Run's own, dropped when it returns
-    bool cancelRaised_ = false;
+    Mutex mutex_;
+    unsigned holds_ QV_GUARDED_BY(mutex_) = 1;  // Run's own, dropped when it returns
+    bool cancelRaised_ QV_GUARDED_BY(mutex_) = false;
     AsyncCompletion<bool> ended_;
 };
 

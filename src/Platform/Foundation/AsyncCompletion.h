@@ -21,12 +21,10 @@ public:
     // Each returns false when the operation had already ended (a cancellation
     // came first, say) and the value was dropped.
     bool Complete(T result) const {
-        return operation_.finish(AsyncStatus::Completed,
-                                 [&](auto& state) { state.result.emplace(std::move(result)); });
+        return operation_.finish(AsyncStatus::Completed, std::move(result), HResultError(S_OK));
     }
     bool Fail(HResultError error) const {
-        return operation_.finish(AsyncStatus::Error,
-                                 [&](auto& state) { state.error = std::move(error); });
+        return operation_.finish(AsyncStatus::Error, std::nullopt, std::move(error));
     }
 
 private:

@@ -11,11 +11,11 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 
 #include "Platform/Foundation/HResultError.h"
+#include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
 
@@ -28,12 +28,12 @@ namespace Details {
 
 template <class T>
 struct AsyncState {
-    std::mutex mutex;
-    AsyncStatus status = AsyncStatus::Started;
-    std::optional<T> result;
-    HResultError error{S_OK};
-    std::function<void(const IAsyncOperation<T>&, AsyncStatus)> completed;
-    bool handlerTaken = false;
+    Mutex mutex;
+    AsyncStatus status QV_GUARDED_BY(mutex) = AsyncStatus::Started;
+    std::optional<T> result QV_GUARDED_BY(mutex);
+    HResultError error QV_GUARDED_BY(mutex){S_OK};
+    std::function<void(const IAsyncOperation<T>&, AsyncStatus)> completed QV_GUARDED_BY(mutex);
+    bool handlerTaken QV_GUARDED_BY(mutex) = false;
 };
 
 }  // namespace Details
@@ -44,13 +44,13 @@ public:
     using CompletedHandler = std::function<void(const IAsyncOperation&, AsyncStatus)>;
 
     AsyncStatus Status() const {
-        std::lock_guard lock(state_->mutex);
+        MutexLock lock(state_->mutex);
         return state_->status;
     }
 
     // A second handler is refused with E_ILLEGAL_METHOD_CALL, as the platform does.
     void Completed(CompletedHandler handler) const {
-        std::unique_lock lock(state_->mutex);
+        MutexLock lock(state_->mutex);
         if (state_->handlerTaken) throw HResultError(E_ILLEGAL_METHOD_CALL);
         state_->handlerTaken = true;
         if (state_->status == AsyncStatus::Started) {
@@ -65,7 +65,7 @@ public:
     // The result; the operation's error if it failed, ERROR_CANCELLED if it
     // was cancelled, E_ILLEGAL_METHOD_CALL while it is still running.
     T GetResults() const {
-        std::lock_guard lock(state_->mutex);
+        MutexLock lock(state_->mutex);
         switch (state_->status) {
             case AsyncStatus::Completed:
                 return *state_->result;
@@ -81,7 +81,7 @@ public:
 
     // Ends a running operation as cancelled; no effect once it has ended.
     void Cancel() const {
-        finish(AsyncStatus::Canceled, [](auto&) {});
+        finish(AsyncStatus::Canceled, std::nullopt, HResultError(S_OK));
     }
 
 private:
@@ -90,13 +90,14 @@ private:
 
     IAsyncOperation() : state_(std::make_shared<Details::AsyncState<T>>()) {}
 
-    template <class Store>
-    bool finish(AsyncStatus status, Store&& store) const {
+    // Ends the operation with the result or error of that status.
+    bool finish(AsyncStatus status, std::optional<T> result, HResultError error) const {
         CompletedHandler handler;
         {
-            std::lock_guard lock(state_->mutex);
+            MutexLock lock(state_->mutex);
             if (state_->status != AsyncStatus::Started) return false;
-            store(*state_);
+            state_->result = std::move(result);
+            state_->error = std::move(error);
             state_->status = status;
             handler = std::move(state_->completed);
         }

@@ -2,8 +2,9 @@
 
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
+
+#include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
 namespace {
@@ -13,7 +14,7 @@ constexpr unsigned maximumThreads = 64;
 class Pool {
 public:
     void submit(std::function<void()> job) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         jobs_.push_back(std::move(job));
         if (idle_ < jobs_.size() && threads_ < maximumThreads) {
             ++threads_;
@@ -25,10 +26,10 @@ public:
 
 private:
     void work() {
-        std::unique_lock lock(mutex_);
+        MutexLock lock(mutex_);
         for (;;) {
             ++idle_;
-            wake_.wait(lock, [this] { return !jobs_.empty(); });
+            while (jobs_.empty()) wake_.wait(lock.forWaiting());
             --idle_;
             auto job = std::move(jobs_.front());
             jobs_.pop_front();
@@ -43,11 +44,11 @@ private:
         }
     }
 
-    std::mutex mutex_;
+    Mutex mutex_;
     std::condition_variable wake_;
-    std::deque<std::function<void()>> jobs_;
-    unsigned threads_ = 0;
-    std::size_t idle_ = 0;
+    std::deque<std::function<void()>> jobs_ QV_GUARDED_BY(mutex_);
+    unsigned threads_ QV_GUARDED_BY(mutex_) = 0;
+    std::size_t idle_ QV_GUARDED_BY(mutex_) = 0;
 };
 
 // Never destroyed: its threads may still be running jobs while the process

@@ -7,9 +7,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <utility>
 #include <vector>
+
+#include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
 
@@ -24,21 +25,21 @@ public:
     using Handler = std::function<void(Args...)>;
 
     event_token add(Handler handler) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         const event_token token{++lastToken_};
         handlers_.emplace_back(token, std::move(handler));
         return token;
     }
 
     void remove(event_token token) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         std::erase_if(handlers_, [token](const auto& entry) { return entry.first == token; });
     }
 
     // Forgets every handler, so that nothing they hold is kept alive.
     void clear() {
         decltype(handlers_) dropped;
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         dropped.swap(handlers_);
     }
 
@@ -46,7 +47,7 @@ public:
     void operator()(CallArgs&&... args) const {
         decltype(handlers_) current;
         {
-            std::lock_guard lock(mutex_);
+            MutexLock lock(mutex_);
             current = handlers_;
         }
         for (const auto& entry : current) {
@@ -59,9 +60,9 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::int64_t lastToken_ = 0;
-    std::vector<std::pair<event_token, Handler>> handlers_;
+    mutable Mutex mutex_;
+    std::int64_t lastToken_ QV_GUARDED_BY(mutex_) = 0;
+    std::vector<std::pair<event_token, Handler>> handlers_ QV_GUARDED_BY(mutex_);
 };
 
 }  // namespace Quorvendale::Platform
