@@ -308,13 +308,13 @@ ValueSet UwpLocalStorageClient::sendMessage(const Connection& connection, const 
 }
 
 void UwpLocalStorageClient::executeWinRT(const Task& task) {
-    auto [connection, generation] = currentConnection();
-    if (!attempt([&] { task(connection); })) return;
+    auto current = currentConnection();
+    if (!attempt([&] { task(current.first); })) return;
     // A reconnect that fails leaves at once: the caller sees its error, and
     // the first attempt's is dropped.
-    connect(generation);
-    connection = currentConnection().first;
-    if (const auto failure = attempt([&] { task(connection); })) throw *failure;
+    connect(current.second);
+    current = currentConnection();
+    if (const auto failure = attempt([&] { task(current.first); })) throw *failure;
 }
 
 void UwpLocalStorageClient::onServiceClosed(std::uint64_t generation) {
