@@ -126,7 +126,7 @@ private:
 };
 
 UwpLocalStorageClient::UwpLocalStorageClient() : events_(std::make_unique<EventTarget>(*this)) {
-    connect(generation_);
+    connect(0);  // generation 0: no connection yet
 }
 
 // A reconnect under way on an event's thread ends first; it still has the
