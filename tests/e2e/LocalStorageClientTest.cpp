@@ -214,6 +214,9 @@ TEST_F(LocalStorageClientTest, WithTheServiceGoneOperationsFailAndExistsSaysNoOn
 struct Load {
     bool shared;
     int kills;
+    friend void PrintTo(const Load& load, std::ostream* out) {
+        *out << (load.shared ? "one client" : "a client each") << ", kills: " << load.kills;
+    }
 };
 
 class LoadTest : public LocalStorageClientTest, public testing::WithParamInterface<Load> {};
