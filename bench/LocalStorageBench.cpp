@@ -7,7 +7,11 @@
 //         + one 100-byte round trip over a socketpair to another process
 //         + one 100-byte file overwrite (or read)
 //
-// and beside what users would pick instead: Redis over a Unix socket (when
+// Then eight threads at once, each writing and reading back a key of its
+// own, on one client they share against a client each: the operations per
+// second of both, so that sharing a client shows what it costs.
+//
+// And beside what users would pick instead: Redis over a Unix socket (when
 // REDIS_SOCKET names a running redis-server's socket; bench/compare-local
 // starts one) and SQLite in process (when the build found libsqlite3;
 // LocalStorageSqlite.cpp). Prints each ratio at the end.
@@ -47,6 +51,7 @@ using Bench::transfer;
 
 constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
 
+const Client::Library* library = nullptr;
 std::optional<Client::Storage> storage;
 std::filesystem::path fileFolder;
 int echoSocket = -1;
@@ -108,6 +113,21 @@ void localWrite(benchmark::State& state) {
 void localRead(benchmark::State& state) {
     storage->write("bench", "value", payload());
     for (auto _ : state) benchmark::DoNotOptimize(storage->read("bench", "value"));
+}
+
+// Run on eight threads: a write and a read of the thread's own key per
+// iteration, on the one client or on a client of the thread's own.
+void localEightThreads(benchmark::State& state, bool shared) {
+    std::optional<Client::Storage> own;
+    if (!shared) own = library->local();
+    const Client::Storage& client = shared ? *storage : *own;
+    const std::string key = "thread" + std::to_string(state.thread_index());
+    client.write("bench", key, payload());
+    for (auto _ : state) {
+        client.write("bench", key, payload());
+        benchmark::DoNotOptimize(client.read("bench", key));
+    }
+    state.SetItemsProcessed(state.iterations() * 2);
 }
 
 // Redis's protocol, as much as SET and GET need.
@@ -203,8 +223,9 @@ int main(int argc, char** argv) {
     Testing::PrivateBus bus(services.path());
     const pid_t echo = startEcho();  // before this process has a thread
 
-    const Client::Library library(QV_STORAGE_LIBRARY);
-    storage = library.local();
+    const Client::Library loaded(QV_STORAGE_LIBRARY);
+    library = &loaded;
+    storage = loaded.local();
     if (!storage) {
         std::fprintf(stderr, "no local client\n");
         return 1;
@@ -218,6 +239,12 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("100-byte file read", fileRead)->UseRealTime();
     benchmark::RegisterBenchmark("local client write", localWrite)->UseRealTime();
     benchmark::RegisterBenchmark("local client read", localRead)->UseRealTime();
+    for (const bool shared : {true, false}) {
+        benchmark::RegisterBenchmark(shared ? "8 threads, one client" : "8 threads, a client each",
+                                     localEightThreads, shared)
+            ->Threads(8)
+            ->UseRealTime();
+    }
     benchmark::RegisterBenchmark("redis SET", redisCase, true)->UseRealTime();
     benchmark::RegisterBenchmark("redis GET", redisCase, false)->UseRealTime();
     Bench::registerSqlite(data.path());
@@ -230,6 +257,16 @@ int main(int argc, char** argv) {
                common + reporter.time("100-byte file overwrite"), "redis SET", "sqlite replace");
     printRatio(reporter, "read", "local client read", common + reporter.time("100-byte file read"),
                "redis GET", "sqlite select");
+
+    // Real time per iteration of all threads together: two operations.
+    const double shared = reporter.time("8 threads, one client");
+    const double unshared = reporter.time("8 threads, a client each");
+    if (shared > 0 && unshared > 0) {
+        std::printf(
+            "\n8 threads: one shared client %.0f operations/s, a client each %.0f "
+            "operations/s: sharing gives %.2fx\n",
+            2e9 / shared, 2e9 / unshared, unshared / shared);
+    }
 
     storage.reset();
     ::close(echoSocket);

@@ -4,7 +4,7 @@
 // request as the request's key says, so that tests can make the replies a
 // real store never gives:
 //
-//   "reject"         status "failed", response "rejected by the scripted service"
+//   "reject..."      status "failed", response "rejected by the scripted service"
 //   "null-response"  status "success", response null
 //   "no-response"    status "success", no response at all
 //   "no-status"      a response, no status
@@ -58,7 +58,7 @@ ValueSet replyTo(const std::string& key) {
         reply.Insert(u"status", text("success"));
     } else if (key == "no-status") {
         reply.Insert(u"response", text("no status"));
-    } else if (key == "reject") {
+    } else if (key.starts_with("reject")) {
         reply.Insert(u"response", text("rejected by the scripted service"));
         reply.Insert(u"status", text("failed"));
     } else if (key == "Success" || key == "success ") {

@@ -76,40 +76,62 @@ std::optional<std::runtime_error> attempt(const std::function<void()>& task) {
 }  // namespace
 
 // How the connection's events reach the client: through a pointer that the
-// client clears, waiting for a running handler, before it goes.
+// client clears before it goes, waiting for the handlers under way (one may
+// be reconnecting). No lock is held while a handler runs.
 class UwpLocalStorageClient::EventTarget {
 public:
     explicit EventTarget(UwpLocalStorageClient& client)
         : target_(std::make_shared<Target>(&client)) {}
-    ~EventTarget() {
-        std::lock_guard lock(target_->mutex);
-        target_->client = nullptr;
-    }
+    ~EventTarget() { detach(); }
     EventTarget(const EventTarget&) = delete;
     EventTarget& operator=(const EventTarget&) = delete;
 
-    AppServiceConnection::ServiceClosedHandler serviceClosed() const {
-        return [target = target_](const AppServiceConnection& sender,
-                                  const AppServiceClosedEventArgs& args) {
-            std::lock_guard lock(target->mutex);
-            if (target->client != nullptr) target->client->onServiceClosed(sender, args);
+    // From here on no handler reaches the client; returns once those under
+    // way have returned.
+    void detach() {
+        MutexLock lock(target_->mutex);
+        target_->client = nullptr;
+        while (target_->running != 0) target_->idle.wait(lock.forWaiting());
+    }
+
+    // The handler for the connection of that generation.
+    AppServiceConnection::ServiceClosedHandler serviceClosed(std::uint64_t generation) const {
+        return [target = target_, generation](const AppServiceConnection&,
+                                              const AppServiceClosedEventArgs&) {
+            UwpLocalStorageClient* client = nullptr;
+            {
+                MutexLock lock(target->mutex);
+                if (target->client == nullptr) return;
+                client = target->client;
+                ++target->running;
+            }
+            client->onServiceClosed(generation);
+            {
+                MutexLock lock(target->mutex);
+                --target->running;
+            }
+            target->idle.notify_all();
         };
     }
 
 private:
     struct Target {
         explicit Target(UwpLocalStorageClient* to) : client(to) {}
-        std::mutex mutex;  // guards client, and is held while a handler uses it
-        UwpLocalStorageClient* client;
+        Mutex mutex;
+        std::condition_variable idle;
+        UwpLocalStorageClient* client QV_GUARDED_BY(mutex);
+        int running QV_GUARDED_BY(mutex) = 0;  // handlers that took client and have not returned
     };
     std::shared_ptr<Target> target_;
 };
 
 UwpLocalStorageClient::UwpLocalStorageClient() : events_(std::make_unique<EventTarget>(*this)) {
-    connect();
+    connect(0);  // generation 0: no connection yet
 }
 
-UwpLocalStorageClient::~UwpLocalStorageClient() = default;
+// A reconnect under way on an event's thread ends first; it still has the
+// whole client to work with.
+UwpLocalStorageClient::~UwpLocalStorageClient() { events_->detach(); }
 
 std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectionStatus status) {
     static constexpr std::string_view names[] = {
@@ -128,8 +150,9 @@ std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectio
 
 std::string UwpLocalStorageClient::read(const std::string& group, const std::string& key) {
     std::string value;
-    executeWinRT([&, group, key] {
-        executeCommand({{RequestField::Command, "read"},
+    executeWinRT([&, group, key](const Connection& connection) {
+        executeCommand(connection,
+                       {{RequestField::Command, "read"},
                         {RequestField::Group, group},
                         {RequestField::Key, key}},
                        &value);
@@ -139,26 +162,27 @@ std::string UwpLocalStorageClient::read(const std::string& group, const std::str
 
 void UwpLocalStorageClient::write(const std::string& group, const std::string& key,
                                   const std::string& data) {
-    executeWinRT([&, group, key, data] {
-        executeCommand({{RequestField::Command, "write"},
-                        {RequestField::Group, group},
-                        {RequestField::Key, key},
-                        {RequestField::Data, data}});
+    executeWinRT([&, group, key, data](const Connection& connection) {
+        executeCommand(connection, {{RequestField::Command, "write"},
+                                    {RequestField::Group, group},
+                                    {RequestField::Key, key},
+                                    {RequestField::Data, data}});
     });
 }
 
 void UwpLocalStorageClient::remove(const std::string& group, const std::string& key) {
-    executeWinRT([&, group, key] {
-        executeCommand({{RequestField::Command, "remove"},
-                        {RequestField::Group, group},
-                        {RequestField::Key, key}});
+    executeWinRT([&, group, key](const Connection& connection) {
+        executeCommand(connection, {{RequestField::Command, "remove"},
+                                    {RequestField::Group, group},
+                                    {RequestField::Key, key}});
     });
 }
 
 std::string UwpLocalStorageClient::next(const std::string& group, const std::string& key) {
     std::string following;
-    executeWinRT([&, group, key] {
-        executeCommand({{RequestField::Command, "next"},
+    executeWinRT([&, group, key](const Connection& connection) {
+        executeCommand(connection,
+                       {{RequestField::Command, "next"},
                         {RequestField::Group, group},
                         {RequestField::Key, key}},
                        &following);
@@ -170,13 +194,14 @@ std::string UwpLocalStorageClient::next(const std::string& group, const std::str
 // joins its apartment twice and leaves it as the platform's callers always
 // have: once, and once more only when the first join was the first.
 bool UwpLocalStorageClient::exists() {
+    const Connection connection = currentConnection().first;
     bool answered = false;
     std::thread worker([&] {
         const HRESULT first = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         try {
             const HRESULT second = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
             if (second < 0) throw HResultError(second);
-            sendMessage(ValueSet());
+            sendMessage(connection, ValueSet());
             answered = true;
         } catch (...) {
             try {
@@ -191,36 +216,75 @@ bool UwpLocalStorageClient::exists() {
     return answered;
 }
 
-void UwpLocalStorageClient::connect() {
-    const auto connection = std::make_shared<AppServiceConnection>();
-    connection->AppServiceName(hstring(utf8ToUtf16(appServiceName)));
-    connection->PackageFamilyName(hstring(utf8ToUtf16(packageFamilyName)));
-    const event_token token = connection->ServiceClosed(events_->serviceClosed());
+void UwpLocalStorageClient::connect(std::uint64_t used) {
+    std::uint64_t generation = 0;
     {
+        MutexLock lock(connectionMutex_);
+        while (opening_) connectionSettled_.wait(lock.forWaiting());
+        // Replaced since that attempt: the retry goes to the new connection.
+        // After a failed open there is none, and this thread opens one.
+        if (generation_ != used && connection_) return;
+        opening_ = true;
+        generation = generation_ + 1;
         // The previous connection goes; its handler stays registered on it.
-        std::lock_guard lock(connectionMutex_);
-        connection_ = connection;
-        serviceClosedToken_ = token;
+        connection_ = nullptr;
     }
-    // An open that throws would reconnect from inside executeWinRT before
-    // its retry; a status, even a failing one, is no throw.
+    Connection opened = nullptr;
+    event_token token{};
     AppServiceConnectionStatus status = AppServiceConnectionStatus::Unknown;
-    executeWinRT([&] { status = waitFor(connection->OpenAsync()); });
+    try {
+        status = open(opened, token, generation);
+    } catch (...) {
+        settle(nullptr, token, generation);
+        throw;
+    }
+    settle(status == AppServiceConnectionStatus::Success ? opened : nullptr, token, generation);
     if (status != AppServiceConnectionStatus::Success) {
         QV_THROW_ERROR_REPORT(std::string(connectionStatusName(status)));
     }
 }
 
-void UwpLocalStorageClient::executeCommand(const Request& request) {
-    executeCommand(request, nullptr);
+AppServiceConnectionStatus UwpLocalStorageClient::open(Connection& connection, event_token& token,
+                                                       std::uint64_t generation) {
+    connection = AppServiceConnection();
+    connection.AppServiceName(hstring(utf8ToUtf16(appServiceName)));
+    connection.PackageFamilyName(hstring(utf8ToUtf16(packageFamilyName)));
+    token = connection.ServiceClosed(events_->serviceClosed(generation));
+    AppServiceConnectionStatus status = AppServiceConnectionStatus::Unknown;
+    // An open that throws is a failed attempt like any other, and a new
+    // connection is opened in its place (one whose open was tried cannot be
+    // opened again), without bound; a failing status is no throw.
+    if (attempt([&] { status = waitFor(connection.OpenAsync()); }))
+        return open(connection, token, generation);
+    return status;
 }
 
-void UwpLocalStorageClient::executeCommand(const Request& request, std::string* response) {
+void UwpLocalStorageClient::settle(const Connection& opened, event_token token,
+                                   std::uint64_t generation) {
+    {
+        MutexLock lock(connectionMutex_);
+        connection_ = opened;
+        serviceClosedToken_ = token;
+        generation_ = generation;
+        opening_ = false;
+    }
+    connectionSettled_.notify_all();
+}
+
+std::pair<UwpLocalStorageClient::Connection, std::uint64_t>
+UwpLocalStorageClient::currentConnection() {
+    MutexLock lock(connectionMutex_);
+    while (opening_) connectionSettled_.wait(lock.forWaiting());
+    return {connection_, generation_};
+}
+
+void UwpLocalStorageClient::executeCommand(const Connection& connection, const Request& request,
+                                           std::string* response) {
     ValueSet message;
     for (const auto& [field, value] : request) {
         message.Insert(keyOf(field), PropertyValue::CreateString(hstring(utf8ToUtf16(value))));
     }
-    const ValueSet reply = sendMessage(message);
+    const ValueSet reply = sendMessage(connection, message);
     const hstring status = unbox_value<hstring>(reply.Lookup(u"status"));
     if (status == hstring(u"success")) {
         if (response == nullptr) return;
@@ -231,14 +295,11 @@ void UwpLocalStorageClient::executeCommand(const Request& request, std::string* 
     QV_THROW_ERROR_REPORT(utf16ToUtf8(unbox_value<hstring>(reply.Lookup(u"response"))));
 }
 
-ValueSet UwpLocalStorageClient::sendMessage(const ValueSet& message) {
-    const Connection connection = currentConnection();
-    // Empty after the service closed it and the reconnect failed: a failed
-    // attempt, so that the retry reconnects.
-    if (!connection || !*connection) {
-        throw std::runtime_error("UwpLocalStorageClient::sendMessage: no connection");
-    }
-    const AppServiceResponse response = waitFor(connection->SendMessageAsync(message));
+ValueSet UwpLocalStorageClient::sendMessage(const Connection& connection, const ValueSet& message) {
+    // Empty after a failed open: a failed attempt, so that the retry
+    // reconnects.
+    if (!connection) throw std::runtime_error("UwpLocalStorageClient::sendMessage: no connection");
+    const AppServiceResponse response = waitFor(connection.SendMessageAsync(message));
     if (response.Status() != AppServiceResponseStatus::Success) {
         throw std::runtime_error(
             "response.Status() != TResponseStatus::Success in UwpLocalStorageClient::sendMessage");
@@ -246,22 +307,19 @@ ValueSet UwpLocalStorageClient::sendMessage(const ValueSet& message) {
     return response.Message();
 }
 
-void UwpLocalStorageClient::executeWinRT(const std::function<void()>& task) {
-    if (!attempt(task)) return;
+void UwpLocalStorageClient::executeWinRT(const Task& task) {
+    auto current = currentConnection();
+    if (!attempt([&] { task(current.first); })) return;
     // A reconnect that fails leaves at once: the caller sees its error, and
     // the first attempt's is dropped.
-    connect();
-    if (const auto failure = attempt(task)) throw *failure;
+    connect(current.second);
+    current = currentConnection();
+    if (const auto failure = attempt([&] { task(current.first); })) throw *failure;
 }
 
-void UwpLocalStorageClient::onServiceClosed(const AppServiceConnection&,
-                                            const AppServiceClosedEventArgs&) {
-    {
-        std::lock_guard lock(connectionMutex_);
-        connection_.reset();
-    }
+void UwpLocalStorageClient::onServiceClosed(std::uint64_t generation) {
     try {
-        connect();
+        connect(generation);
     } catch (...) {
         // Nobody to tell on the event's thread: the next operation finds no
         // connection, and its retry reconnects.
@@ -269,10 +327,5 @@ void UwpLocalStorageClient::onServiceClosed(const AppServiceConnection&,
 }
 
 BasicStorageClient* newLocalStorageClient() { return new UwpLocalStorageClient(); }
-
-UwpLocalStorageClient::Connection UwpLocalStorageClient::currentConnection() const {
-    std::lock_guard lock(connectionMutex_);
-    return connection_;
-}
 
 }  // namespace Quorvendale::StorageClient
