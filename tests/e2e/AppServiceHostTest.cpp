@@ -75,6 +75,12 @@ Reply write(const AppServiceConnection& connection, const std::string& group,
                request({{u"command", "write"}, {u"group", group}, {u"key", key}, {u"data", data}}));
 }
 
+// Not on an old kernel, nor under qemu-aarch64 7.2, which knows no Landlock
+// calls: there the host says that it runs unconfined.
+bool landlockAvailable() {
+    return ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
+}
+
 bool exitedWith(std::optional<int> status, int code) {
     return status && WIFEXITED(*status) && WEXITSTATUS(*status) == code;
 }
@@ -135,8 +141,10 @@ TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
     EXPECT_EQ(ask(connection, request({{u"command", "write"}, {u"group", "fresh"}, {u"key", "k"}})),
               Testing::unknownException);
     EXPECT_FALSE(fs::exists(localState() / "fresh"));
-    // Every failure had a client to hear of it: the host said nothing.
-    EXPECT_EQ(bus_->log().find("quorvendale-apphost"), std::string::npos) << bus_->log();
+    // Every failure had a client to hear of it: the host said nothing else.
+    std::string log = bus_->log();
+    if (!landlockAvailable()) log.erase(log.find("quorvendale-apphost: this kernel has no Landlock"), 1);
+    EXPECT_EQ(log.find("quorvendale-apphost"), std::string::npos) << bus_->log();
 }
 
 TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
@@ -235,13 +243,9 @@ TEST_F(AppServiceHostTest, SigtermEndsEveryConnectionAndTheHostExitsZero) {
     EXPECT_EQ(ask(openStorage(), ValueSet()), success);
 }
 
-bool landlockAvailable() {
-    return ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
-}
-
 TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingThere) {
     if (!landlockAvailable())
-        GTEST_SKIP() << "this kernel has no Landlock: the host runs unconfined";
+        GTEST_SKIP() << "no Landlock here (kernel or emulator): the host runs unconfined";
     startBus();
     const AppServiceConnection connection = openStorage();
     const fs::path beside = localState().parent_path() / "beside";
