@@ -2,6 +2,8 @@
 
 if(WIN32)
   include(cmake/Windows.cmake)
+elseif(CMAKE_CROSSCOMPILING)
+  include(cmake/Emulator.cmake)
 endif()
 include(cmake/ServiceIdentity.cmake)
 
@@ -52,6 +54,9 @@ function(qv_add_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} ServiceIdentity GTest::gtest_main
                                         Threads::Threads)
+  if(QV_TEST_EMULATOR)
+    target_compile_definitions(${name} PRIVATE QV_TEST_EMULATOR="${QV_TEST_EMULATOR}")
+  endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 30
                        PROPERTIES TIMEOUT 120)
 endfunction()

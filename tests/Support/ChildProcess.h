@@ -26,6 +26,10 @@ public:
                           const posix_spawn_file_actions_t* actions = nullptr,
                           char* const* environment = environ) {
         std::vector<char*> argv;
+#ifdef QV_TEST_EMULATOR
+        // A cross build's programs run under the emulator its tests run under.
+        argv.push_back(const_cast<char*>(QV_TEST_EMULATOR));
+#endif
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));
         argv.push_back(nullptr);

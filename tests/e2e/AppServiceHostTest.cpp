@@ -10,6 +10,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
@@ -76,6 +77,12 @@ Reply write(const AppServiceConnection& connection, const std::string& group,
                request({{u"command", "write"}, {u"group", group}, {u"key", key}, {u"data", data}}));
 }
 
+// Not on an old kernel, nor under qemu-aarch64 7.2, which knows no Landlock
+// calls: there the host says that it runs unconfined.
+bool landlockAvailable() {
+    return ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
+}
+
 bool exitedWith(std::optional<int> status, int code) {
     return status && WIFEXITED(*status) && WEXITSTATUS(*status) == code;
 }
@@ -83,10 +90,12 @@ bool exitedWith(std::optional<int> status, int code) {
 class AppServiceHostTest : public testing::Test {
 protected:
     fs::path localState() const { return package_.localState(storagePackage); }
+    // The test ends here when no host owns the name: the signals meant for
+    // the host must never go to pid -1, every process this one may signal.
     pid_t host() const {
-        // Throws without an owner: a stand-in such as -1 would make the
-        // test's kill() signal every process of the machine.
-        return bus_->ownerOf(storagePackage).value();
+        const auto owner = bus_->ownerOf(storagePackage);
+        if (!owner) throw std::runtime_error("no host owns the storage service's name");
+        return *owner;
     }
     void startBus(int idleSeconds = 30) {
         installStorageService(services_.path(), idleSeconds);
@@ -136,8 +145,10 @@ TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
     EXPECT_EQ(ask(connection, request({{u"command", "write"}, {u"group", "fresh"}, {u"key", "k"}})),
               Testing::unknownException);
     EXPECT_FALSE(fs::exists(localState() / "fresh"));
-    // Every failure had a client to hear of it: the host said nothing.
-    EXPECT_EQ(bus_->log().find("quorvendale-apphost"), std::string::npos) << bus_->log();
+    // Every failure had a client to hear of it: the host said nothing else.
+    std::string log = bus_->log();
+    if (!landlockAvailable()) log.erase(log.find("quorvendale-apphost: this kernel has no Landlock"), 1);
+    EXPECT_EQ(log.find("quorvendale-apphost"), std::string::npos) << bus_->log();
 }
 
 TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
@@ -236,13 +247,9 @@ TEST_F(AppServiceHostTest, SigtermEndsEveryConnectionAndTheHostExitsZero) {
     EXPECT_EQ(ask(openStorage(), ValueSet()), success);
 }
 
-bool landlockAvailable() {
-    return ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
-}
-
 TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingThere) {
     if (!landlockAvailable())
-        GTEST_SKIP() << "this kernel has no Landlock: the host runs unconfined";
+        GTEST_SKIP() << "no Landlock here (kernel or emulator): the host runs unconfined";
     startBus();
     const AppServiceConnection connection = openStorage();
     const fs::path beside = localState().parent_path() / "beside";
