@@ -29,8 +29,7 @@ constexpr CommandForm commandForms[] = {
      "and a line feed; nothing after the last key"},
     {"list", 1, 1, "list GROUP",
      "print every key of GROUP, one a line, or with\n--json as one JSON array"},
-    {"export", 1, 1, "export GROUP",
-     "print GROUP as one JSON object of key to value"},
+    {"export", 1, 1, "export GROUP", "print GROUP as one JSON object of key to value"},
     {"import", 1, 2, "import GROUP [FILE]",
      "write every member of the JSON object in FILE\n"
      "(or standard input) to GROUP; nothing at all\n"

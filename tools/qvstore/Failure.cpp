@@ -24,7 +24,7 @@ bool isMissingEntry(std::string_view message) {
 // server anything else means it was not reached.
 bool isStoreMessage(std::string_view message) {
     constexpr std::string_view storeMessages[] = {
-        "Read file error: ", "Write file error", "Remove file error", "Invalid key",
+        "Read file error: ",       "Write file error",  "Remove file error", "Invalid key",
         "Failed to open folder: ", "Unknown exception", "Unknown command",
     };
     for (const std::string_view known : storeMessages) {
@@ -37,7 +37,10 @@ bool isStoreMessage(std::string_view message) {
 // connection's status names and the two of a send with no connection.
 bool isConnectionMessage(std::string_view message) {
     constexpr std::string_view statuses[] = {
-        "AppNotInstalled", "AppUnavailable", "AppServiceUnavailable", "Unknown",
+        "AppNotInstalled",
+        "AppUnavailable",
+        "AppServiceUnavailable",
+        "Unknown",
     };
     for (const std::string_view status : statuses) {
         if (message == status) return true;
@@ -89,7 +92,7 @@ std::string messageOf(std::string_view text) {
     if (!text.starts_with("Exception:\n")) return std::string(text);
     const std::size_t field = text.find(reportField);
     return std::string(field == std::string_view::npos ? text
-                                                        : text.substr(field + reportField.size()));
+                                                       : text.substr(field + reportField.size()));
 }
 
 Failure classifyStoreFailure(std::string_view command, std::string_view message, bool remote) {
@@ -122,8 +125,8 @@ Failure describeUnreachable(std::string_view libraryOutput) {
     } else {
         why = "the connection failed";
     }
-    return {unreachable,
-            "the storage service cannot be reached: " + oneLine(why) + " (" + oneLine(status) + ")"};
+    return {unreachable, "the storage service cannot be reached: " + oneLine(why) + " (" +
+                             oneLine(status) + ")"};
 }
 
 std::string oneLine(std::string_view text) {

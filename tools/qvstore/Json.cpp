@@ -11,11 +11,21 @@ std::string jsonString(std::string_view text) {
     std::string quoted = "\"";
     for (const char c : text) {
         switch (c) {
-            case '"': quoted += "\\\""; break;
-            case '\\': quoted += "\\\\"; break;
-            case '\n': quoted += "\\n"; break;
-            case '\r': quoted += "\\r"; break;
-            case '\t': quoted += "\\t"; break;
+            case '"':
+                quoted += "\\\"";
+                break;
+            case '\\':
+                quoted += "\\\\";
+                break;
+            case '\n':
+                quoted += "\\n";
+                break;
+            case '\r':
+                quoted += "\\r";
+                break;
+            case '\t':
+                quoted += "\\t";
+                break;
             default:
                 if (static_cast<unsigned char>(c) < 0x20) {
                     char escaped[8];
@@ -86,10 +96,14 @@ private:
         for (int i = 0; i < 4; ++i, ++at_) {
             const char c = at_ < text_.size() ? text_[at_] : '\0';
             unit <<= 4;
-            if (c >= '0' && c <= '9') unit |= c - '0';
-            else if (c >= 'a' && c <= 'f') unit |= c - 'a' + 10;
-            else if (c >= 'A' && c <= 'F') unit |= c - 'A' + 10;
-            else fail("a \\u escape needs four hexadecimal digits");
+            if (c >= '0' && c <= '9')
+                unit |= c - '0';
+            else if (c >= 'a' && c <= 'f')
+                unit |= c - 'a' + 10;
+            else if (c >= 'A' && c <= 'F')
+                unit |= c - 'A' + 10;
+            else
+                fail("a \\u escape needs four hexadecimal digits");
         }
         return unit;
     }
@@ -130,12 +144,26 @@ private:
             }
             const char escape = at_ < text_.size() ? text_[at_++] : '\0';
             switch (escape) {
-                case '"': case '\\': case '/': out += escape; break;
-                case 'b': out += '\b'; break;
-                case 'f': out += '\f'; break;
-                case 'n': out += '\n'; break;
-                case 'r': out += '\r'; break;
-                case 't': out += '\t'; break;
+                case '"':
+                case '\\':
+                case '/':
+                    out += escape;
+                    break;
+                case 'b':
+                    out += '\b';
+                    break;
+                case 'f':
+                    out += '\f';
+                    break;
+                case 'n':
+                    out += '\n';
+                    break;
+                case 'r':
+                    out += '\r';
+                    break;
+                case 't':
+                    out += '\t';
+                    break;
                 case 'u': {
                     unsigned code = hex4();
                     if (code >= 0xD800 && code <= 0xDBFF && text_.substr(at_, 2) == "\\u") {
@@ -149,7 +177,9 @@ private:
                     appendUtf8(out, code);
                     break;
                 }
-                default: --at_; fail("an unknown escape in a string");
+                default:
+                    --at_;
+                    fail("an unknown escape in a string");
             }
         }
     }

@@ -67,8 +67,7 @@ private:
 std::string subjectOf(const Invocation& invocation) {
     std::string subject = invocation.command;
     const std::size_t named = invocation.command == "write" || invocation.command == "read" ||
-                                      invocation.command == "remove" ||
-                                      invocation.command == "next"
+                                      invocation.command == "remove" || invocation.command == "next"
                                   ? 2
                                   : 1;
     for (std::size_t i = 0; i < invocation.operands.size() && i < named; ++i) {
