@@ -7,8 +7,8 @@
 #
 # Usage: debian-packages.sh WORK_DIR SOURCE_DIR     (exit 77: install skipped)
 set -euo pipefail
-work=$1
-source=$2
+work=$(realpath -m "$1")
+source=$(realpath "$2")
 tree=$work/build
 packages=(libquorvendalestorageclient1 libquorvendalestorageclient-dev quorvendale-tools)
 fail() { echo "debian-packages: $*" >&2; exit 1; }
@@ -28,11 +28,11 @@ for deb in "${debs[@]}"; do
     dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print "   ", $6, $7, $8}'
 done
 echo "== lintian"
-lintian --fail-on error --info "${debs[@]}" || fail "lintian found errors"
+lintian --fail-on error "${debs[@]}" || fail "lintian found errors"
 
 [ "$(id -u)" = 0 ] || { echo "debian-packages: skipped installing: dpkg -i needs root"; exit 77; }
 for package in "${packages[@]}"; do
-    if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q installed; then
+    if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
         echo "debian-packages: skipped installing: $package is installed on this machine already"
         exit 77
     fi
@@ -63,12 +63,12 @@ g++ -std=c++17 -o "$work/consumer/consumer" "$work/consumer/consumer.cpp" \
     status=0; qvstore read g missing 2>/dev/null || status=$?; [ $status = 1 ]
 ' installed "$work/consumer/consumer" || fail "the installed service did not serve the installed qvstore"
 man -l /usr/share/man/man1/qvstore.1.gz >/dev/null 2>&1 || fail "qvstore(1) does not render"
-ldd /usr/bin/quorvendale-apphost | grep -q "/usr/lib/.*/quorvendale/libQuorvendalePlatform.so" ||
+ldd /usr/bin/quorvendale-apphost | grep -q "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" ||
     fail "the host does not find the platform library in its private folder"
 
 dpkg --purge "${packages[@]}" >/dev/null
 trap - EXIT
-left=$(while read -r path; do [ -e "/$path" ] && [ ! -d "/$path" ] && echo "/$path"; done <"$files")
+left=$(while read -r path; do if [ -e "$path" ] && [ ! -d "$path" ]; then echo "$path"; fi; done <"$files")
 [ -z "$left" ] || fail "left after purge: $left"
 for folder in /usr/include/Quorvendale /usr/lib/*/quorvendale /usr/lib/*/cmake/Quorvendale; do
     [ ! -e "$folder" ] || fail "left after purge: $folder"
