@@ -41,11 +41,15 @@ endif()
 
 find_package(Threads REQUIRED)
 if(NOT WIN32)
-  find_package(GTest REQUIRED)
+  if(QV_TESTS)
+    find_package(GTest REQUIRED)
+  endif()
   find_package(PkgConfig REQUIRED)
   pkg_check_modules(Systemd REQUIRED IMPORTED_TARGET libsystemd)  # sd-bus
 endif()
-include(GoogleTest)
+if(QV_TESTS)
+  include(GoogleTest)
+endif()
 
 # qv_add_test(<name> SOURCES <files...> LIBRARIES <targets...>)
 # One GoogleTest executable; every TEST in it becomes a ctest case.

@@ -1,5 +1,5 @@
 // A C++17 layer over the library's binary interface, for programs that load
-// libQuorvendaleStorageClient.so: owning interface pointers, loading by path,
+// libQuorvendaleStorageClient.so.1: owning interface pointers, loading by name,
 // and Library and Storage classes that turn a failing result code into an
 // exception carrying the code and the library's own text.
 //
@@ -8,7 +8,7 @@
 // The C headers stay the contract; this one is a convenience over them, and a
 // program may mix both: get() hands out the raw interface pointer.
 //
-//   Quorvendale::Client::Library library("/usr/lib/libQuorvendaleStorageClient.so");
+//   Quorvendale::Client::Library library;  // the installed library, by its SONAME
 //   if (std::optional<Quorvendale::Client::Storage> store = library.local()) {
 //       store->write("settings", "theme", "dark");
 //       std::string theme = store->read("settings", "theme");
@@ -32,6 +32,10 @@
 #include "ILibrary.h"
 
 namespace Quorvendale::Client {
+
+// The library's SONAME: what Library loads when given no path. Its number
+// changes only when the binary interface does.
+inline constexpr const char* librarySoname = "libQuorvendaleStorageClient.so.1";
 
 using InterfaceContract::ResultCode;
 using StorageClient::ILibrary;
@@ -291,7 +295,9 @@ private:
 //
 // Loading: the constructor dlopens the file at `path` (resolved by the dynamic
 // loader's rules, so give a path with a slash to avoid its search) and calls
-// getLibraryInterface. If the file cannot be loaded or lacks
+// getLibraryInterface. Without a path it loads librarySoname, which the loader
+// finds where the system's libraries are (/usr/lib/<multiarch>/ for the
+// Debian packages; LD_LIBRARY_PATH or the program's RUNPATH for another prefix). If the file cannot be loaded or lacks
 // getLibraryInterface, it throws std::runtime_error naming the path and the
 // loader's reason; if getLibraryInterface fails, an Error.
 //
@@ -307,6 +313,8 @@ private:
 // that stay usable after the Library is gone.
 class Library {
 public:
+    Library() : Library(librarySoname) {}
+
     explicit Library(const std::string& path) {
         void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (module == nullptr) throw loadError(path);

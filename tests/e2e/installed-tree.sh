@@ -21,10 +21,12 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 unset LD_LIBRARY_PATH
 service=$prefix/share/dbus-1/services/$package.service
 grep -qF "Exec=\"$prefix/bin/quorvendale-apphost\" " "$service" &&
-    grep -q -- "--library \"$prefix/lib/libQuorvendaleStorageClient.so\"\$" \
+    grep -q -- "--library \"$prefix/lib/libQuorvendaleStorageClient.so.1\"\$" \
     "$service" || fail "the service file does not name the installed host and library: $(cat "$service")"
 [ "$(ldd "$prefix/bin/quorvendale-apphost" | grep -c 'not found')" = 0 ] ||
     fail "the installed host does not find its libraries"
+[ -e "$prefix/lib/quorvendale/libQuorvendalePlatform.so" ] && [ ! -e "$prefix/lib/libQuorvendalePlatform.so" ] ||
+    fail "the platform library is not in its private folder alone"
 
 PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags quorvendale | grep -q -- "-I$prefix/lib/pkgconfig/../../include" ||
     fail "pkg-config gives no include folder"
@@ -35,7 +37,7 @@ cmake_minimum_required(VERSION 3.25)
 project(Consumer CXX)
 find_package(Quorvendale REQUIRED)
 add_executable(consumer consumer.cpp)
-target_link_libraries(consumer PRIVATE Quorvendale::Headers)
+target_link_libraries(consumer PRIVATE Quorvendale::StorageClient)
 target_compile_definitions(consumer PRIVATE LIBRARY="${Quorvendale_LIBRARY}")
 CMAKE
 cat >"$work/consumer/consumer.cpp" <<'CPP'

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Support/LoopbackSocket.h"
@@ -22,8 +23,8 @@ using Quorvendale::Testing::ProgramRun;
 const std::string refusal =
     "hostname is invalid or requires DNS lookup, which is not supported yet";
 
-std::string failed(const std::string& command, const std::string& text) {
-    return "qvstore: " + command + " failed (0x80004005): " + text + "\n";
+std::string unreachable(const std::string& subject) {
+    return "qvstore: " + subject + ": the storage server cannot be reached: " + refusal + "\n";
 }
 
 class Qvstore : public testing::Test {
@@ -71,6 +72,8 @@ TEST_F(Qvstore, UsageErrorsExitTwoWithAHint) {
         {"--remote", ":7000", "exists"},
         {"--remote=127.0.0.1:65536", "exists"},
         {"--library=", "exists"},
+        {"list", "--default", "x", "g"},
+        {"read", "--json", "g", "k"},
     };
     for (const auto& arguments : commandLines) {
         SCOPED_TRACE(testing::PrintToString(arguments));
@@ -85,25 +88,24 @@ TEST_F(Qvstore, UsageErrorsExitTwoWithAHint) {
 }
 
 // The remote client refuses every address before it connects: each command
-// ends with exit status 1 and the client's text, and the server is never
+// ends with exit status 3 and the client's text, and the server is never
 // called. Options may come after the command, and "--" ends them.
-TEST_F(Qvstore, RemoteFailuresExitOneWithTheStoresText) {
+TEST_F(Qvstore, RemoteFailuresExitThreeWithTheClientsText) {
     const auto listener = Quorvendale::Testing::listenOnLoopback(8);
     const std::string address = "127.0.0.1:" + std::to_string(listener.port);
     const std::vector<std::pair<std::string, std::vector<std::string>>> commandLines = {
-        {"write", {"--remote", address, "write", "g", "k", "data"}},
-        {"read", {"--remote=" + address, "read", "g", "k"}},
-        {"remove", {"remove", "g", "k", "--remote", address}},
-        {"next", {"--remote", address, "--", "next", "g", "--key"}},
-        {"list", {"--remote", address, "list", "g"}},
+        {"write g k", {"--remote", address, "write", "g", "k", "data"}},
+        {"read g k", {"--remote=" + address, "read", "g", "k"}},
+        {"remove g k", {"remove", "g", "k", "--remote", address}},
+        {"next g --key", {"--remote", address, "--", "next", "g", "--key"}},
+        {"list g", {"--remote", address, "list", "g"}},
         {"exists", {"--remote", address, "exists"}},
     };
-    for (const auto& [command, arguments] : commandLines) {
-        SCOPED_TRACE(command);
+    for (const auto& [subject, arguments] : commandLines) {
+        SCOPED_TRACE(subject);
         const ProgramRun run = qvstore(arguments);
-        EXPECT_EQ(run.exitStatus, 1);
-        EXPECT_EQ(run.output, "");
-        EXPECT_EQ(run.errors, failed(command, refusal));
+        EXPECT_TRUE(run.exitStatus == 3 && run.output.empty()) << run.exitStatus;
+        EXPECT_EQ(run.errors, unreachable(subject));
     }
     EXPECT_FALSE(Quorvendale::Testing::readable(listener.handle, 0))
         << "a connection reached the server";
@@ -117,10 +119,10 @@ TEST_F(Qvstore, WriteTakesStandardInputOnlyWithoutData) {
     for (std::size_t i = 0; i < input.size(); ++i) input[i] = static_cast<char>(i * 7);
     const ProgramRun fromInput = qvstore({"--remote=127.0.0.1:1", "write", "g", "k"}, input);
     EXPECT_EQ(fromInput.inputTaken, input.size());
-    EXPECT_EQ(fromInput.errors, failed("write", refusal));
+    EXPECT_EQ(fromInput.errors, unreachable("write g k"));
     const ProgramRun fromData = qvstore({"--remote=127.0.0.1:1", "write", "g", "k", "d"}, input);
     EXPECT_EQ(fromData.inputTaken, 0u);
-    EXPECT_EQ(fromData.errors, failed("write", refusal));
+    EXPECT_EQ(fromData.errors, unreachable("write g k"));
 }
 
 // An installed qvstore loads the library installed with it, found from its
@@ -130,7 +132,7 @@ TEST_F(Qvstore, InstalledCopyPrefersTheLibraryInstalledWithIt) {
     std::filesystem::create_directories(program.parent_path());
     std::filesystem::copy_file(QVSTORE_PATH, program);
     const std::vector<std::string> exists = {"--remote", "127.0.0.1:1", "exists"};
-    EXPECT_EQ(qvstore(exists, {}, program).errors, failed("exists", refusal));
+    EXPECT_EQ(qvstore(exists, {}, program).errors, unreachable("exists"));
 
     const std::filesystem::path installed =
         (program.parent_path() / QVSTORE_LIBRARY_FROM_PROGRAM_FOLDER / QV_LIBRARY_FILE_NAME)
@@ -138,22 +140,48 @@ TEST_F(Qvstore, InstalledCopyPrefersTheLibraryInstalledWithIt) {
     std::filesystem::create_directories(installed.parent_path());
     std::ofstream(installed) << "not a library: loading it fails, and says which file it was\n";
     const ProgramRun run = qvstore(exists, {}, program);
-    EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.errors.rfind("qvstore: cannot load " + installed.string() + ": ", 0), 0u)
+    EXPECT_EQ(run.exitStatus, 4);
+    EXPECT_EQ(run.errors.rfind("qvstore: exists: cannot load " + installed.string() + ": ", 0), 0u)
         << run.errors;
 }
 
-// With no bus to reach, the local client cannot connect: the library's two
-// lines on standard output, one line of qvstore's on standard error.
-TEST_F(Qvstore, LocalStoreOutOfReachExitsOne) {
-    const ProgramRun run = qvstore({"exists"});
-    EXPECT_EQ(run.exitStatus, 1);
-    // The second line is the connection's error report, which spans lines.
-    EXPECT_EQ(run.output.rfind("Error: UwpClient connection failed\nException:\n", 0), 0u)
-        << run.output;
-    EXPECT_TRUE(run.output.ends_with("\tmessage: AppUnavailable\n")) << run.output;
-    EXPECT_EQ(run.errors,
-              "qvstore: no local storage client: the storage service cannot be reached\n");
+// With no bus to reach, the local client cannot connect: the line says so, and
+// --verbose adds the library's report after it, on standard error too.
+TEST_F(Qvstore, LocalStoreWithoutBusExitsThree) {
+    const ProgramRun run = qvstore({"--verbose", "read", "g", "k"});
+    EXPECT_TRUE(run.exitStatus == 3 && run.output.empty()) << run.exitStatus;
+    EXPECT_EQ(run.errors.rfind(
+                  "qvstore: read g k: the storage service cannot be reached: no session bus at " +
+                      (folder_ / "no-bus").string() +
+                      ": No such file or directory (AppUnavailable)\nError: UwpClient "
+                      "connection failed\nException:\n",
+                  0),
+              0u)
+        << run.errors;
+}
+
+// Input the local service would store changed is refused before the library is
+// even loaded: the bus is not needed to see it.
+TEST_F(Qvstore, InputTheServiceWouldChangeIsRefused) {
+    const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
+        {{"write", "g", "k"}, "a\xC3(", "the value is not valid UTF-8 at byte 0xC3 at offset 1"},
+        {{"write", "g", "k"}, "\xED\xA0\x80", "the value is not valid UTF-8 at byte 0xED"},
+        {{"write", "g", "k"}, "a\x1A", "write g k: refused: the value holds byte 0x1A at offset 1"},
+        {{"write", "g", "a/b", "v"}, "", "write g a/b: refused: the key holds '/' at offset 1"},
+        {{"read", "..", "k"}, "", "read .. k: refused: the group is '..'"},
+        {{"write", "g", "", "v"}, "", "write g: refused: the key is empty"},
+        {{"read", "g", std::string(256, 'k')}, "", "the key is 256 bytes long, more than 255"},
+        {{"import", "g"}, R"({"k":1})", "the JSON input at byte 5: the value of \"k\" is not a"},
+        {{"import", "g"}, R"({"k":"\ud800"})", "the JSON input at byte 12: a lone surrogate"},
+    };
+    for (const auto& [arguments, input, message] : cases) {
+        SCOPED_TRACE(message);
+        const ProgramRun run = qvstore(arguments, input);
+        EXPECT_TRUE(run.exitStatus == 2 && run.output.empty()) << run.exitStatus;
+        EXPECT_TRUE(run.errors.find(message) != std::string::npos &&
+                    std::count(run.errors.begin(), run.errors.end(), '\n') == 1)
+            << run.errors;
+    }
 }
 
 }  // namespace

@@ -17,13 +17,23 @@ struct CommandForm {
 constexpr CommandForm commandForms[] = {
     {"write", 2, 3, "write GROUP KEY [DATA]",
      "store DATA under KEY in GROUP (replacing any value);\n"
-     "without DATA, all of standard input, any bytes"},
-    {"read", 2, 2, "read GROUP KEY", "print the value stored under KEY, exactly as stored"},
-    {"remove", 2, 2, "remove GROUP KEY", "delete the value stored under KEY"},
+     "without DATA, all of standard input"},
+    {"read", 2, 2, "read GROUP KEY",
+     "print the value stored under KEY, exactly as stored\n"
+     "(a line feed is added only on a terminal);\n"
+     "--default VALUE prints VALUE when KEY is missing"},
+    {"remove", 2, 2, "remove GROUP KEY",
+     "delete the value stored under KEY (a missing KEY\nis no failure)"},
     {"next", 1, 2, "next GROUP [KEY]",
      "print the key after KEY (the first one without KEY)\n"
      "and a line feed; nothing after the last key"},
-    {"list", 1, 1, "list GROUP", "print every key of GROUP, one a line"},
+    {"list", 1, 1, "list GROUP",
+     "print every key of GROUP, one a line, or with\n--json as one JSON array"},
+    {"export", 1, 1, "export GROUP", "print GROUP as one JSON object of key to value"},
+    {"import", 1, 2, "import GROUP [FILE]",
+     "write every member of the JSON object in FILE\n"
+     "(or standard input) to GROUP; nothing at all\n"
+     "if any member is refused"},
     {"exists", 0, 0, "exists", "succeed when the store answers; print nothing"},
 };
 
@@ -84,10 +94,22 @@ Invocation parseCommandLine(int argc, const char* const* argv) {
             invocation.action = Invocation::Action::version;
             return invocation;
         }
+        if (argument == "--verbose" || argument == "-v") {
+            invocation.verbose = true;
+            continue;
+        }
+        if (argument == "--quiet" || argument == "-q") {
+            invocation.quiet = true;
+            continue;
+        }
+        if (argument == "--json") {
+            invocation.json = true;
+            continue;
+        }
         // --name VALUE or --name=VALUE
         const std::size_t equals = argument.find('=');
         const std::string_view name = argument.substr(0, equals);
-        if (name != "--remote" && name != "--library") {
+        if (name != "--remote" && name != "--library" && name != "--default") {
             throw UsageError("unknown option '" + std::string(argument) + "'");
         }
         std::string_view value;
@@ -100,6 +122,8 @@ Invocation parseCommandLine(int argc, const char* const* argv) {
         }
         if (name == "--remote") {
             invocation.remote = parseRemoteAddress(value);
+        } else if (name == "--default") {
+            invocation.defaultValue = std::string(value);
         } else if (value.empty()) {
             throw UsageError("option '--library' needs a path");
         } else {
@@ -113,6 +137,12 @@ Invocation parseCommandLine(int argc, const char* const* argv) {
     invocation.command = form->name;
     invocation.operands.assign(words.begin() + 1, words.end());
     checkOperandCount(*form, invocation.operands.size());
+    if (invocation.defaultValue && invocation.command != "read") {
+        throw UsageError("option '--default' belongs to 'read' only");
+    }
+    if (invocation.json && invocation.command != "list") {
+        throw UsageError("option '--json' belongs to 'list' only");
+    }
     return invocation;
 }
 
@@ -145,17 +175,37 @@ std::string usage(const std::vector<std::string>& defaultLibraries) {
     for (const std::string& path : defaultLibraries)
         text += "                            " + path + "\n";
     text +=
+        "  --default VALUE         read: print VALUE and succeed when KEY is missing\n"
+        "  --json                  list: print the keys as one JSON array\n"
+        "  -q, --quiet             say nothing when the key to read is missing\n"
+        "  -v, --verbose           with a failure, also print the library's full report\n"
         "  -h, --help              show this help and exit\n"
         "  --version               show the version and exit\n"
         "  --                      end of options: later words that begin with '-' are\n"
-        "                          groups, keys or data\n"
+        "                          groups, keys or data (qvstore write g k -- -1)\n"
         "\n"
-        "Values of the local storage service are UTF-8 text: a value ends at its first\n"
-        "zero byte. A value may be given as DATA or on standard input.\n"
+        "What the local storage service keeps: a group is a folder and a key a file\n"
+        "in it, so each must be one file name: not empty, not '.' or '..', no '/', at\n"
+        "most 255 bytes of UTF-8. A value is UTF-8 text without the bytes NUL and\n"
+        "0x1A (line feeds and CR LF are kept). qvstore refuses anything else before\n"
+        "it sends it (exit status 2), since the service would store it changed.\n"
         "\n"
-        "Exit status: 0 on success (for exists: the store answered), 1 when the store\n"
-        "reports a failure or does not answer (its text on standard error), 2 for a\n"
-        "usage error.\n";
+        "The key 'default' of every group is an alias: it stands for the key whose\n"
+        "name is the value of the key '.default' of that group, and read, write and\n"
+        "remove of 'default' act on that key. Set it with\n"
+        "  qvstore write settings .default theme\n"
+        "after which 'qvstore read settings default' reads the key 'theme'. Without\n"
+        "'.default', reading 'default' prints nothing and writing it fails.\n"
+        "\n"
+        "Each failure is one line on standard error:\n"
+        "  qvstore: COMMAND GROUP KEY: what happened\n"
+        "Exit status:\n"
+        "  0  success (for exists: the store answered)\n"
+        "  1  the key does not exist (read, or next after an unknown KEY)\n"
+        "  2  usage error, or input refused (see above); nothing was sent\n"
+        "  3  the storage service cannot be reached: no session bus, the service is\n"
+        "     not installed, or it failed to start (its status name is given)\n"
+        "  4  the store failed the operation\n";
     return text;
 }
 

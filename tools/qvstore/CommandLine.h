@@ -22,7 +22,11 @@ struct Invocation {
     std::string command;                // "read", "write", ...
     std::vector<std::string> operands;  // the command's arguments, as given
     std::optional<RemoteAddress> remote;
-    std::optional<std::string> library;  // --library: the path to load instead of the default
+    std::optional<std::string> library;       // --library: the path to load instead of the default
+    std::optional<std::string> defaultValue;  // read --default: printed for a missing key
+    bool json = false;                        // list --json
+    bool verbose = false;                     // the library's whole report with each failure
+    bool quiet = false;                       // no message for a missing key
 };
 
 // A command line that qvstore cannot run; what() is one line saying why.

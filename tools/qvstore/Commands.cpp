@@ -1,78 +1,171 @@
 #include "Commands.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_set>
 
+#include "InputChecks.h"
+
 namespace Quorvendale::Qvstore {
 namespace {
 
-// All of standard input, any bytes, up to its end.
-std::string readStandardInput() {
+// All of a stream, any bytes, up to its end.
+std::string readAll(std::FILE* stream, const std::string& name) {
     std::string data;
     char chunk[64 * 1024];
     std::size_t count;
-    while ((count = std::fread(chunk, 1, sizeof chunk, stdin)) > 0) data.append(chunk, count);
-    if (std::ferror(stdin)) {
-        throw std::runtime_error(std::string("cannot read standard input: ") +
-                                 std::strerror(errno));
+    while ((count = std::fread(chunk, 1, sizeof chunk, stream)) > 0) data.append(chunk, count);
+    if (std::ferror(stream)) {
+        throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
     }
     return data;
 }
 
-void writeStandardOutput(std::string_view bytes) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
+std::string readFile(const std::string& path) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) throw Refusal("cannot open " + path + ": " + std::strerror(errno));
+    struct Close {
+        std::FILE* file;
+        ~Close() { std::fclose(file); }
+    } close{file};
+    return readAll(file, path);
+}
+
+void write(const Output& output, std::string_view bytes) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), output.file) != bytes.size()) {
         throw std::runtime_error(std::string("cannot write standard output: ") +
                                  std::strerror(errno));
     }
 }
 
-// Walks the group with next from the empty key. A store that hands out a key
-// a second time would send the walk round for ever; it stops there instead.
-int listGroup(const Client::Storage& storage, const std::string& group) {
+// The keys of a group, walked with next from the empty key. A store that hands
+// out a key a second time would send the walk round for ever; it stops there.
+std::vector<std::string> keysOf(const Client::Storage& storage, const std::string& group) {
+    std::vector<std::string> keys;
     std::unordered_set<std::string> seen;
     for (std::string key = storage.next(group, ""); !key.empty(); key = storage.next(group, key)) {
         if (!seen.insert(key).second) {
-            std::fprintf(stderr,
-                         "qvstore: the store gave the key '%s' a second time; walk stopped after "
-                         "%zu keys\n",
-                         key.c_str(), seen.size());
-            return 1;
+            throw CommandFailure{{storeFailed, "the store gave the key '" + oneLine(key) +
+                                                   "' a second time; walk stopped after " +
+                                                   std::to_string(keys.size()) + " keys"},
+                                 ""};
         }
-        writeStandardOutput(key + '\n');
+        keys.push_back(key);
     }
-    return 0;
+    return keys;
+}
+
+// A value as read prints: exactly, and a line feed only for a person.
+void printValue(const Output& output, const std::string& value) {
+    write(output, value);
+    if (output.terminal) write(output, "\n");
+}
+
+int read(const Client::Storage& storage, const Invocation& invocation, const Output& output) {
+    const std::string& group = invocation.operands[0];
+    const std::string& key = invocation.operands[1];
+    try {
+        printValue(output, storage.read(group, key));
+    } catch (const Client::Error& error) {
+        const Failure failure = classifyStoreFailure("read", messageOf(error.what()), false);
+        if (failure.status != keyMissing || (!invocation.defaultValue && !invocation.quiet)) throw;
+        if (!invocation.defaultValue) return keyMissing;
+        printValue(output, *invocation.defaultValue);
+    }
+    return succeeded;
+}
+
+// A store failure part-way names the entry and how many went before it.
+int import(const Client::Storage& storage, const Invocation& invocation, const Entries& entries) {
+    const std::string& group = invocation.operands[0];
+    std::size_t written = 0;
+    for (const auto& [key, value] : entries) {
+        try {
+            storage.write(group, key, value);
+        } catch (const Client::Error& error) {
+            Failure failure = classifyStoreFailure("write", messageOf(error.what()),
+                                                   invocation.remote.has_value());
+            failure.message += "; " + std::to_string(written) + " of " +
+                               std::to_string(entries.size()) + " entries written";
+            throw CommandFailure{std::move(failure), oneLine(key)};
+        }
+        ++written;
+    }
+    return succeeded;
 }
 
 }  // namespace
 
-int runCommand(const Client::Storage& storage, const std::string& command,
-               const std::vector<std::string>& operands) {
+Input takeInput(const Invocation& invocation, bool checkInput) {
+    const std::string& command = invocation.command;
+    const std::vector<std::string>& operands = invocation.operands;
+    Input input;
     if (command == "write") {
-        storage.write(operands[0], operands[1],
-                      operands.size() == 3 ? operands[2] : readStandardInput());
+        input.data = operands.size() == 3 ? operands[2] : readAll(stdin, "standard input");
+    } else if (command == "import") {
+        input.entries = parseJsonObject(operands.size() == 2 ? readFile(operands[1])
+                                                             : readAll(stdin, "standard input"));
+    }
+    if (!checkInput || operands.empty()) return input;
+
+    checkName("the group", operands[0]);
+    const bool keyOperand = command == "write" || command == "read" || command == "remove" ||
+                            (command == "next" && operands.size() == 2 && !operands[1].empty());
+    if (keyOperand) checkName("the key", operands[1]);
+    if (command == "write") checkValue(input.data);
+    // Every entry is checked before the first is written: a refusal stores none.
+    for (const auto& [key, value] : input.entries) {
+        try {
+            checkName("the key", key);
+            checkValue(value);
+        } catch (const Refusal& refusal) {
+            throw Refusal("entry " + jsonString(key) + ": " + refusal.what() +
+                          "; nothing was imported");
+        }
+    }
+    return input;
+}
+
+int runCommand(const Client::Storage& storage, const Invocation& invocation, const Input& input,
+               const Output& output) {
+    const std::string& command = invocation.command;
+    const std::vector<std::string>& operands = invocation.operands;
+    if (command == "write") {
+        storage.write(operands[0], operands[1], input.data);
     } else if (command == "read") {
-        writeStandardOutput(storage.read(operands[0], operands[1]));
+        return read(storage, invocation, output);
     } else if (command == "remove") {
         storage.remove(operands[0], operands[1]);
     } else if (command == "next") {
         const std::string following =
             storage.next(operands[0], operands.size() == 2 ? operands[1] : "");
-        if (!following.empty()) writeStandardOutput(following + '\n');
+        if (!following.empty()) write(output, following + '\n');
     } else if (command == "list") {
-        return listGroup(storage, operands[0]);
+        const std::vector<std::string> keys = keysOf(storage, operands[0]);
+        std::string text = invocation.json ? "[" : "";
+        for (const std::string& key : keys) {
+            text += invocation.json ? (text.size() > 1 ? "," : "") + jsonString(key) : key + '\n';
+        }
+        write(output, invocation.json ? text + "]\n" : text);
+    } else if (command == "export") {
+        std::string text = "{";
+        for (const std::string& key : keysOf(storage, operands[0])) {
+            text += (text.size() > 1 ? "," : "") + jsonString(key) + ":" +
+                    jsonString(storage.read(operands[0], key));
+        }
+        write(output, text + "}\n");
+    } else if (command == "import") {
+        return import(storage, invocation, input.entries);
     } else if (command == "exists") {
         if (!storage.exists()) {
-            std::fputs("qvstore: the store did not answer\n", stderr);
-            return 1;
+            throw CommandFailure{{unreachable, "the storage service did not answer"}, ""};
         }
     } else {
         throw std::logic_error("qvstore has no command " + command);
     }
-    return 0;
+    return succeeded;
 }
 
 }  // namespace Quorvendale::Qvstore

@@ -1,6 +1,11 @@
 // qvstore: the key-value store from the shell. It loads the client library by
 // path, as any program of its users would, and uses it through Client.hpp
-// alone. Exit status: 0 success, 1 failure of the store, 2 usage error.
+// alone. Each failure is one line on standard error and an exit status a
+// script can act on (Failure.h).
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -8,40 +13,82 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Failure.h"
+#include "InputChecks.h"
 #include "LibraryLocation.h"
 #include "Quorvendale/Client.hpp"
 
 namespace {
 
 using namespace Quorvendale;
-using Qvstore::Invocation;
+using namespace Quorvendale::Qvstore;
 
-constexpr int succeeded = 0;
-constexpr int storeFailed = 1;
-constexpr int usageFailed = 2;
+// The library reports a local client that cannot connect on standard output.
+// A script reading qvstore's output must never get those lines, so while the
+// library is loaded standard output is a file of qvstore's, which it reads
+// for the connection's status and shows only with --verbose; qvstore's own
+// results go to the original standard output.
+class LibraryOutput {
+public:
+    LibraryOutput() {
+        std::fflush(stdout);
+        const int original = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+        captured_ = ::memfd_create("qvstore-library-output", MFD_CLOEXEC);
+        if (captured_ < 0) captured_ = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (original < 0 || captured_ < 0 || ::dup2(captured_, STDOUT_FILENO) < 0) {
+            throw std::runtime_error("cannot set standard output aside for the library");
+        }
+        results_ = ::fdopen(original, "w");
+        if (results_ == nullptr) throw std::runtime_error("cannot open standard output");
+    }
+    LibraryOutput(const LibraryOutput&) = delete;
+    LibraryOutput& operator=(const LibraryOutput&) = delete;
 
-int runInvocation(const Invocation& invocation) {
+    Output results() const { return {results_, ::isatty(::fileno(results_)) == 1}; }
+
+    // Everything the library has written so far.
+    std::string text() const {
+        std::fflush(stdout);
+        std::string text;
+        char chunk[4096];
+        ssize_t count;
+        for (off_t at = 0; (count = ::pread(captured_, chunk, sizeof chunk, at)) > 0; at += count) {
+            text.append(chunk, static_cast<std::size_t>(count));
+        }
+        return text;
+    }
+
+private:
+    std::FILE* results_ = nullptr;
+    int captured_ = -1;
+};
+
+// "read settings theme": the command and the operands that name the entry.
+std::string subjectOf(const Invocation& invocation) {
+    std::string subject = invocation.command;
+    const std::size_t named = invocation.command == "write" || invocation.command == "read" ||
+                                      invocation.command == "remove" || invocation.command == "next"
+                                  ? 2
+                                  : 1;
+    for (std::size_t i = 0; i < invocation.operands.size() && i < named; ++i) {
+        if (!invocation.operands[i].empty()) subject += " " + oneLine(invocation.operands[i]);
+    }
+    return subject;
+}
+
+int runInvocation(const Invocation& invocation, const LibraryOutput& libraryOutput) {
+    // The remote client carries bytes; only the local service changes them.
+    const Input input = takeInput(invocation, !invocation.remote.has_value());
     const Client::Library library(
         invocation.library ? *invocation.library
                            : Qvstore::chooseDefaultLibrary(Qvstore::defaultLibraryCandidates()));
     std::optional<Client::Storage> storage =
         invocation.remote ? library.remote(invocation.remote->host, invocation.remote->port)
                           : library.local();
-    if (!storage) {
-        // The library has said why on standard output already.
-        std::fputs("qvstore: no local storage client: the storage service cannot be reached\n",
-                   stderr);
-        return storeFailed;
-    }
-    return Qvstore::runCommand(*storage, invocation.command, invocation.operands);
-}
-
-// Whatever the command printed must reach its reader; a full disk or a closed
-// pipe is a failure too.
-int flushStandardOutput(int status) {
-    if (std::fflush(stdout) != 0) {
-        std::perror("qvstore: cannot write standard output");
-        return storeFailed;
+    if (!storage) throw CommandFailure{describeUnreachable(libraryOutput.text()), ""};
+    const int status = runCommand(*storage, invocation, input, libraryOutput.results());
+    if (std::fflush(libraryOutput.results().file) != 0) {
+        throw std::runtime_error("cannot write standard output");
     }
     return status;
 }
@@ -56,23 +103,40 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "qvstore: %s\nTry 'qvstore --help' for more information.\n", e.what());
         return usageFailed;
     }
-    if (invocation.action == Invocation::Action::help) {
-        std::fputs(Qvstore::usage(Qvstore::defaultLibraryCandidates()).c_str(), stdout);
-        return flushStandardOutput(succeeded);
-    }
-    if (invocation.action == Invocation::Action::version) {
-        std::fputs("qvstore " QVSTORE_VERSION "\n", stdout);
-        return flushStandardOutput(succeeded);
+    if (invocation.action != Invocation::Action::run) {
+        std::fputs(invocation.action == Invocation::Action::help
+                       ? Qvstore::usage(Qvstore::defaultLibraryCandidates()).c_str()
+                       : "qvstore " QVSTORE_VERSION "\n",
+                   stdout);
+        return std::fflush(stdout) == 0 ? succeeded : storeFailed;
     }
 
+    std::optional<LibraryOutput> libraryOutput;
+    Failure failure{storeFailed, ""};
+    std::string subject = subjectOf(invocation);
+    std::string report;  // the library's own text, for --verbose
     try {
-        return flushStandardOutput(runInvocation(invocation));
-    } catch (const Client::Error& e) {
-        std::fprintf(stderr, "qvstore: %s failed (0x%08X): %s\n", invocation.command.c_str(),
-                     static_cast<unsigned>(e.code()), e.what());
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "qvstore: %s\n", e.what());
+        libraryOutput.emplace();
+        return runInvocation(invocation, *libraryOutput);
+    } catch (const Refusal& refusal) {
+        failure = {usageFailed, "refused: " + oneLine(refusal.what())};
+    } catch (const CommandFailure& commandFailure) {
+        failure = commandFailure.failure;
+        if (!commandFailure.subject.empty()) subject += " " + commandFailure.subject;
+    } catch (const Client::Error& error) {
+        failure = classifyStoreFailure(invocation.command, messageOf(error.what()),
+                                       invocation.remote.has_value());
+        report = error.what();
+    } catch (const std::exception& error) {
+        failure = {storeFailed, oneLine(error.what())};
     }
-    flushStandardOutput(storeFailed);
-    return storeFailed;
+    if (failure.status != keyMissing || !invocation.quiet) {
+        std::fprintf(stderr, "qvstore: %s: %s\n", subject.c_str(), failure.message.c_str());
+    }
+    if (invocation.verbose) {
+        const std::string libraryText = libraryOutput ? libraryOutput->text() : "";
+        std::fputs(libraryText.c_str(), stderr);
+        if (!report.empty()) std::fprintf(stderr, "%s\n", report.c_str());
+    }
+    return failure.status;
 }

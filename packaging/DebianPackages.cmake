@@ -1,0 +1,65 @@
+# `cpack -G DEB` in a build tree configured for /usr: three packages, named
+# the Debian way (the library package after its SONAME).
+#   runtime  libquorvendalestorageclient1: the client library, the platform
+#            library in its private folder, the host and the D-Bus service file
+#   dev      libquorvendalestorageclient-dev: headers, the .so link,
+#            pkg-config and CMake files
+#   tools    quorvendale-tools: qvstore, its man page and bash completion
+get_target_property(QV_SOVERSION QuorvendaleStorageClient SOVERSION)
+set(QV_DEB_RUNTIME libquorvendalestorageclient${QV_SOVERSION})
+set(QV_DEB_DEV libquorvendalestorageclient-dev)
+set(QV_DEB_TOOLS quorvendale-tools)
+set(QV_DEB_VERSION ${PROJECT_VERSION}-1)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME quorvendale)
+set(CPACK_PACKAGE_VENDOR "The Quorvendale developers")
+set(CPACK_PACKAGE_CONTACT "Quorvendale developers <quorvendale@example.org>")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime dev tools)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# dpkg-shlibdeps works out the dependencies on system libraries; the
+# platform library is the runtime package's own.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_INSTALL_PREFIX}/${QV_PRIVATE_LIBDIR})
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${QV_DEB_RUNTIME})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# shlibs: what a program linked with the library depends on. triggers: the
+# library lands in a folder of the loader's cache, which libc's trigger updates.
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/shlibs
+     "libQuorvendaleStorageClient ${QV_SOVERSION} ${QV_DEB_RUNTIME} (>= ${PROJECT_VERSION})\n")
+# (CPack also calls ldconfig from postinst and postrm, which the trigger makes
+# redundant: lintian's maintscript-calls-ldconfig, a warning.)
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_BINARY_DIR}/shlibs ${CMAKE_CURRENT_BINARY_DIR}/triggers)
+# The service is started by a session bus; any D-Bus session bus will do.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "default-dbus-session-bus | dbus-session-bus")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Quorvendale storage client library and storage service
+A small persistent key-value store (group, key, value) for applications,
+reached through reference-counted binary interfaces that any compiler can
+call. This package holds the client library, its private platform library,
+and the storage service's host, which the session bus starts on demand.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${QV_DEB_DEV})
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${QV_DEB_RUNTIME} (= ${QV_DEB_VERSION})")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "Quorvendale storage client library (development files)
+The C headers of the library's binary interface, its header-only C++ layer,
+the link to the library, and the pkg-config and CMake package files.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${QV_DEB_TOOLS})
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+# qvstore loads the library at run time, which dpkg-shlibdeps cannot see.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${QV_DEB_RUNTIME} (= ${QV_DEB_VERSION})")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Quorvendale key-value store from the shell
+qvstore reads, writes, lists, exports and imports the entries of the
+Quorvendale storage service, with one-line errors and exit statuses that a
+script can act on.")
+
+include(CPack)
