@@ -10,6 +10,8 @@
 #include <cstring>
 #include <optional>
 
+#include "Posix/FileDescriptor.h"
+
 namespace Quorvendale::Qvstore {
 namespace {
 
@@ -75,14 +77,14 @@ std::optional<std::string> missingSessionBus() {
     }
     if (path.empty() || path.size() >= sizeof socketAddress.sun_path) return std::nullopt;
     std::memcpy(socketAddress.sun_path + (abstract ? 1 : 0), path.data(), path.size());
-    const int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (probe < 0) return std::nullopt;
+    const Posix::FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!probe.valid()) return std::nullopt;
     const socklen_t length =
         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + (abstract ? 1 : 0));
-    const int connected = ::connect(probe, reinterpret_cast<sockaddr*>(&socketAddress), length);
+    if (::connect(probe.get(), reinterpret_cast<sockaddr*>(&socketAddress), length) == 0) {
+        return std::nullopt;
+    }
     const int error = errno;
-    ::close(probe);
-    if (connected == 0) return std::nullopt;
     return "no session bus at " + path + ": " + std::strerror(error);
 }
 
