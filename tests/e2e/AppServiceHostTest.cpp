@@ -223,14 +223,13 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
     const fs::path outside = package_.base() / "outside";
     for (const fs::path& planted : {beside, outside}) std::ofstream(planted) << "planted";
 
-    EXPECT_EQ(ask(connection, "write", "..", "beside", "changed"),
-              Reply("failed", "Write file error"));
-    EXPECT_EQ(ask(connection, "write", "g", "../../beside", "changed"),
-              Reply("failed", "Write file error"));
-    EXPECT_EQ(ask(connection, "write", "../../..", "outside", "changed"),
-              Reply("failed", "Write file error"));
-    EXPECT_EQ(ask(connection, "write", "../../../made", "k", "v"),
-              Reply("failed", "Write file error"));
+    for (const auto& [group, key] : {std::pair{"..", "beside"},
+                                     {"g", "../../beside"},
+                                     {"../../..", "outside"},
+                                     {"../../../made", "k"}}) {
+        EXPECT_EQ(ask(connection, "write", group, key, "changed"),
+                  Reply("failed", "Write file error"));
+    }
     EXPECT_EQ(ask(connection, "remove", "..", "beside"), Reply("failed", "Remove file error"));
     // Its status can be taken, so it reads as an entry that cannot be
     // opened: empty, and nothing of it leaves.
