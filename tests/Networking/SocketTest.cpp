@@ -4,10 +4,10 @@
 #include <memory>
 #include <string>
 
+#include "Networking/IPEndPoint.h"
 #include "Networking/NetworkException.h"
 #include "Networking/Socket.h"
 #include "Networking/SocketError.h"
-#include "Networking/SocketPrivate.h"
 #include "Networking/TcpClient.h"
 #include "Support/LoopbackServer.h"
 
@@ -81,18 +81,6 @@ TEST(SocketTest, RefusedConnectReturnsFalse) {
     EXPECT_FALSE(socket.connect(IPAddress(Testing::loopback), bound.port, 3000));
     EXPECT_FALSE(socket.connected());
     Testing::closeSocket(bound.handle);
-}
-
-TEST(SocketTest, WrappedHandlesAreClosedWithTheirOwnerEvenIfAlreadyClosed) {
-    SocketPrivate creator(InterNetwork, socketTypeStream, protocolTcp);
-    EXPECT_THROW(creator.createFromHandle(INVALID_SOCKET), NetworkException);
-    const SocketHandle handle = Testing::newTcpSocket();
-    ASSERT_TRUE(Testing::isOpenSocket(handle));
-    creator.createFromHandle(handle);  // destroyed at once
-    EXPECT_FALSE(Testing::isOpenSocket(handle));
-    const SocketHandle closed = Testing::newTcpSocket();
-    Testing::closeSocket(closed);
-    EXPECT_NO_THROW(creator.createFromHandle(closed));
 }
 
 TEST(SocketAddressTest, IPv4IsFamilyPortAddressThenZeros) {

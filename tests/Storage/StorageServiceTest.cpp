@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-
 #include "ServiceIdentity.h"
 #include "Platform/Background/BackgroundTaskInstance.h"
 #include "Platform/Activation/Module.h"
@@ -19,12 +18,8 @@ namespace {
 
 using namespace Platform;
 using Testing::await;
-using Testing::eventually;
-using Testing::Reply;
-using Testing::replyOf;
-using Testing::request;
-using Testing::success;
-using Testing::unknownException;
+
+const hstring serviceClass(ServiceIdentity::serviceClassName);
 
 struct Exports {
     HRESULT (*getActivationFactory)(HSTRING, IActivationFactory**);
@@ -46,62 +41,46 @@ const Exports& library() {
 com_ptr<IActivationFactory> factoryOf(const hstring& classId, HRESULT expected = S_OK) {
     IActivationFactory* factory = reinterpret_cast<IActivationFactory*>(0x1);
     EXPECT_EQ(library().getActivationFactory(get_abi(classId), &factory), expected);
-    if (expected != S_OK) {
-        EXPECT_EQ(factory, nullptr);
-    }
+    EXPECT_EQ(factory == nullptr, expected != S_OK);
     return com_ptr<IActivationFactory>::attach(factory);
 }
 
-class StorageServiceTest : public testing::Test {
-protected:
-    StorageServiceTest() {
-        int ends[2];
-        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        client_ = AppServiceConnection::fromSocket(ends[0]);
-        task_ = BackgroundTaskInstance::forConnection(AppServiceConnection::fromSocket(ends[1]));
-        auto service = factoryOf(ServiceIdentity::serviceClassName)->ActivateInstance();
-        EXPECT_EQ(service->GetRuntimeClassName(), hstring(ServiceIdentity::serviceClassName));
-        task_->run(*as<IBackgroundTask>(service));
-    }
-
-    ~StorageServiceTest() override {
-        client_ = nullptr;
-        task_ = nullptr;
-        // Every service and factory goes once its connection has ended.
-        EXPECT_TRUE(eventually([] { return library().canUnloadNow() == S_OK; }));
-    }
-
-    Reply ask(const ValueSet& message) { return replyOf(await(client_.SendMessageAsync(message))); }
-
-    Testing::PackageFolder package_;
-    AppServiceConnection client_{nullptr};
-    com_ptr<BackgroundTaskInstance> task_;
-};
-
-TEST_F(StorageServiceTest, ACancelledTaskEndsAndStillAnswersItsOpenConnection) {
-    EXPECT_EQ(library().canUnloadNow(), S_FALSE);
-    task_->Cancel(BackgroundTaskCancellationReason::Terminating);
-    EXPECT_TRUE(await(task_->Ended()));
-    EXPECT_EQ(ask(ValueSet()), success);
-}
-
-TEST(StorageServiceActivation, OnlyTheServiceClassIsActivatedAndLiveObjectsPinTheLibrary) {
-    const std::u16string others[] = {std::u16string(ServiceIdentity::serviceClassName) + u"X", u""};
-    for (const std::u16string& other : others) {
-        factoryOf(hstring(other), CLASS_E_CLASSNOTAVAILABLE);
+// Only the service class is activated, and each live factory or service
+// keeps the library loaded.
+TEST(StorageService, ActivationAndLiveObjectsPinTheLibrary) {
+    for (const hstring& other : {hstring(std::u16string(serviceClass) + u"X"), hstring()}) {
+        factoryOf(other, CLASS_E_CLASSNOTAVAILABLE);
     }
     EXPECT_EQ(library().getActivationFactory(nullptr, nullptr), E_POINTER);
     ASSERT_EQ(library().canUnloadNow(), S_OK);
-
-    auto factory = factoryOf(ServiceIdentity::serviceClassName);
+    auto factory = factoryOf(serviceClass);
     EXPECT_EQ(factory->GetRuntimeClassName(),
               hstring(u"Quorvendale.Storage.__StorageServiceActivationFactory"));
     EXPECT_EQ(library().canUnloadNow(), S_FALSE);
     auto service = factory->ActivateInstance();
+    EXPECT_EQ(service->GetRuntimeClassName(), serviceClass);
     factory = nullptr;
     EXPECT_EQ(library().canUnloadNow(), S_FALSE);
     service = nullptr;
     EXPECT_EQ(library().canUnloadNow(), S_OK);
+}
+
+// A cancelled task ends, and the service still answers its open connection;
+// once the connection ends, every object of the library goes.
+TEST(StorageService, ACancelledTaskEndsAndStillAnswersItsOpenConnection) {
+    const Testing::PackageFolder package;
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    AppServiceConnection client = AppServiceConnection::fromSocket(ends[0]);
+    auto task = BackgroundTaskInstance::forConnection(AppServiceConnection::fromSocket(ends[1]));
+    task->run(*as<IBackgroundTask>(factoryOf(serviceClass)->ActivateInstance()));
+    task->Cancel(BackgroundTaskCancellationReason::Terminating);
+    EXPECT_TRUE(await(task->Ended()));
+    EXPECT_EQ(Testing::replyOf(await(client.SendMessageAsync(ValueSet()))), Testing::success);
+    EXPECT_EQ(library().canUnloadNow(), S_FALSE);
+    client = nullptr;
+    task = nullptr;
+    EXPECT_TRUE(Testing::eventually([] { return library().canUnloadNow() == S_OK; }));
 }
 
 }  // namespace

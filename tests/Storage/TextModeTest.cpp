@@ -1,13 +1,12 @@
-// The text-mode byte rules on their own, around the block sizes of the
-// vector decoder, where its off-by-one faults would hide.
+// The text-mode byte rules, held to their plainest form (TextModeRules.h):
+// both decoders around the block sizes of the vector one, where its
+// off-by-one faults would hide, and the platform's own files, which on
+// Windows are the C runtime's own text mode.
 #include "Storage/TextMode.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <string>
-#include <string_view>
 
 #include "Storage/FileSystem.h"
 #include "Support/TemporaryFolder.h"
@@ -16,28 +15,33 @@
 namespace Quorvendale::Storage {
 namespace {
 
-std::string encodedInPieces(std::string_view value, std::size_t room) {
-    std::string stored;
-    std::string piece(room, '\0');
-    while (!value.empty()) stored.append(piece.data(), TextMode::encode(value, piece.data(), room));
+// `stored` with `mark` put at `at`, cut at the end.
+std::string marked(std::size_t size, std::size_t at, std::string_view mark) {
+    std::string stored(size, 'a');
+    stored.replace(at, std::min(mark.size(), size - at), mark.substr(0, size - at));
     return stored;
 }
 
-// Both ways of decoding, with a mark at every place around the blocks and
-// a later line end that must not be taken for it.
+testing::AssertionResult decodedByTheRules(const std::string& stored) {
+    for (const auto decode : {TextMode::decode, TextMode::decodePortable}) {
+        std::string bytes = stored;
+        bytes.resize(decode(bytes.data(), bytes.size()));
+        if (bytes != Testing::decodedByteByByte(stored)) {
+            return testing::AssertionFailure() << testing::PrintToString(stored);
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
+// A mark at every place around the blocks, with a later line end that must
+// not be taken for it.
 TEST(TextMode, MarksAnywhere) {
     for (std::size_t size = 1; size <= 300; ++size) {
         for (std::size_t at = 0; at < size; ++at) {
             for (const std::string_view mark : {"\x1A", "\r", "\r\n"}) {
-                std::string stored(size, 'a');
-                stored.replace(at, std::min(mark.size(), size - at), mark.substr(0, size - at));
+                std::string stored = marked(size, at, mark);
                 if (at + 4 < size) stored.replace(size - 2, 2, "\r\n");
-                const std::string value = Testing::decodedByteByByte(stored);
-                for (const auto decode : {TextMode::decode, TextMode::decodePortable}) {
-                    std::string bytes = stored;
-                    bytes.resize(decode(bytes.data(), bytes.size()));
-                    ASSERT_EQ(bytes, value) << size << " " << at;
-                }
+                ASSERT_TRUE(decodedByTheRules(stored));
             }
         }
     }
@@ -53,39 +57,33 @@ TEST(TextMode, ManyLines) {
         stored += line % 7 == 0 ? "\r" : "\r\n";
     }
     for (const std::size_t end : {stored.size(), stored.size() / 2}) {
-        std::string withEnd = stored;
-        withEnd.insert(end, "\x1A tail\r\n");
-        for (const auto decode : {TextMode::decode, TextMode::decodePortable}) {
-            std::string bytes = withEnd;
-            bytes.resize(decode(bytes.data(), bytes.size()));
-            ASSERT_EQ(bytes, Testing::decodedByteByByte(withEnd)) << end;
-        }
+        ASSERT_TRUE(decodedByTheRules(std::string(stored).insert(end, "\x1A tail\r\n")));
     }
 }
 
-// The rules against the platform's own files, which on Windows are the C
-// runtime's own text mode: marks just before the edges of its 4 KiB reads,
-// where a CR LF falls apart, and at the very end.
+// Marks just before the edges of the C runtime's 4 KiB reads, where a CR LF
+// falls apart, and at the very end. Writing puts a CR before each LF and
+// changes nothing else, so a value without 0x1A reads back as it was, lone
+// CRs and CRs before an LF among it.
 TEST(TextMode, FilesFollowTheRules) {
     const Testing::TemporaryFolder folder;
-    const std::u16string path = (folder.path() / "entry").u16string();
+    const std::u16string path = (folder / "entry").u16string();
     for (const std::size_t size : {4096, 4097, 8192, 8194}) {
         for (std::size_t at = size - 3; at < size; ++at) {
-            for (const std::string_view mark : {"\r\n", "\r", "\x1A", "\r\x1A", "\r\r\n"}) {
-                std::string stored(size, 'a');
-                stored.replace(at, std::min(mark.size(), size - at), mark.substr(0, size - at));
-                std::ofstream(folder.path() / "entry", std::ios::binary) << stored;
-                ASSERT_EQ(Storage::FileSystem::readText(path), Testing::decodedByteByByte(stored))
+            for (const std::string_view mark : {"\r\n", "\r", "\x1A", "\r\x1A", "\r\r\n", "\n"}) {
+                const std::string value = marked(size, at, mark);
+                std::ofstream(folder / "entry", std::ios::binary) << value;
+                ASSERT_EQ(FileSystem::readText(path), Testing::decodedByteByByte(value))
                     << size << " " << at << " " << testing::PrintToString(mark);
 
-                // Writing puts a CR before each LF and nothing else.
-                std::string value = stored;
-                std::replace(value.begin(), value.end(), '\r', '\n');
                 std::string expected;
                 for (const char byte : value)
                     expected += byte == '\n' ? "\r\n" : std::string(1, byte);
-                ASSERT_TRUE(Storage::FileSystem::writeText(path, value));
-                ASSERT_EQ(Testing::contentOf(folder.path() / "entry"), expected);
+                ASSERT_TRUE(FileSystem::writeText(path, value));
+                ASSERT_EQ(Testing::contentOf(folder / "entry"), expected);
+                if (mark.find('\x1A') == std::string_view::npos) {
+                    ASSERT_EQ(FileSystem::readText(path), value);
+                }
             }
         }
     }
@@ -96,7 +94,11 @@ TEST(TextMode, EncodeInPiecesOfAnySize) {
     EXPECT_TRUE(TextMode::changesOnWrite(value));
     EXPECT_FALSE(TextMode::changesOnWrite("a\rb"));
     for (std::size_t room = 2; room <= TextMode::encodedSizeLimit(value.size()); ++room) {
-        EXPECT_EQ(encodedInPieces(value, room), "a\r\nb\r\n\r\n\r\r\nc") << room;
+        std::string stored, piece(room, '\0');
+        for (std::string_view rest = value; !rest.empty();) {
+            stored.append(piece.data(), TextMode::encode(rest, piece.data(), room));
+        }
+        EXPECT_EQ(stored, "a\r\nb\r\n\r\n\r\r\nc") << room;
     }
 }
 

@@ -1,12 +1,12 @@
+// The remote client against a real server on 127.0.0.1, called directly and
+// through IStorage as a program holds it: the frames on the wire, the
+// marshalling of the table, and every way the exchange fails.
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <stdexcept>
-#include <string>
 
 #include "InterfaceContract/OutSlot.h"
 #include "Networking/Socket.h"
-#include "StorageClient/Library.h"
 #include "StorageClient/RemoteStorageClient.h"
 #include "Support/ArrayOut.h"
 #include "Support/LoopbackServer.h"
@@ -15,11 +15,14 @@ namespace Quorvendale::StorageClient {
 namespace {
 
 using namespace std::string_literals;
+using Testing::ArrayOut;
 using Testing::frame;
 using Testing::LoopbackServer;
 using Testing::responseBody;
+using Answer = LoopbackServer::Answer;
 
 const std::string existsFrame = "\x05\0\0\0\0\0\0\0\x00\x04\x00\x00\x00"s;
+const RemoteRequest exists{RemoteCommand::Exists, "", "", ""};
 
 RemoteResponse exchange(const LoopbackServer& server, const RemoteRequest& request) {
     Networking::Socket socket(Networking::InterNetwork, Networking::socketTypeStream,
@@ -41,11 +44,11 @@ std::string failureOf(const std::function<void()>& call) {
 
 void expectReport(const std::string& text, const std::string& function,
                   const std::string& message) {
-    const std::string head =
-        "Exception:\n\tfile: src/StorageClient/RemoteStorageClient.cpp\n"
-        "\tfunction: Quorvendale::StorageClient::RemoteStorageClient::" +
-        function + "\n\tline: ";
-    EXPECT_TRUE(text.starts_with(head)) << text;
+    EXPECT_TRUE(
+        text.starts_with("Exception:\n\tfile: src/StorageClient/RemoteStorageClient.cpp\n"
+                         "\tfunction: Quorvendale::StorageClient::RemoteStorageClient::" +
+                         function + "\n\tline: "))
+        << text;
     EXPECT_TRUE(text.ends_with("\n\tmessage: " + message)) << text;
 }
 
@@ -65,114 +68,106 @@ private:
     const LoopbackServer& server_;
 };
 
-TEST(RemoteExchangeTest, RequestsGoOutAsExactFrames) {
-    const LoopbackServer::Answer success{frame(responseBody(1, "done"))};
-    LoopbackServer server({success, success});
-    const RemoteResponse response = exchange(server, {RemoteCommand::Exists, "", "", ""});
-    EXPECT_EQ(response.status, 1);
-    EXPECT_EQ(response.payload, "done");
-    exchange(server, {RemoteCommand::Write, "g", "k", ""});
+// The client as a program holds it: IStorage, one reference.
+struct HandedOut {
+    explicit HandedOut(const LoopbackServer& server) {
+        InterfaceContract::handOut(*new LoopbackStorageClient(server), IID_IStorage, &storage);
+    }
+    ~HandedOut() { EXPECT_EQ(storage->table->release(storage), 0u); }
+    ResultCode read(const char* group, const char* key, ArrayOut& out) const {
+        return storage->table->read(storage, group, 1, key, 1, &out, &ArrayOut::allocate);
+    }
+    IStorage* storage = nullptr;
+};
+
+// Binary bytes travel whole both ways. A read probes existence on its own
+// connection first; an empty result still calls the callback once, and a
+// null buffer from it is tolerated.
+TEST(RemoteStorageClientTest, TheTableCarriesBytesWholeOntoTheWire) {
+    const std::string data = "a\0b\0\xff"s;
+    const Answer empty{frame(responseBody(1, ""))};
+    LoopbackServer server({empty,
+                           empty,
+                           {frame(responseBody(1, data))},
+                           empty,
+                           empty,
+                           {frame(responseBody(1, "x"))},
+                           empty});
+    const HandedOut client(server);
+    const auto* table = client.storage->table;
+    ASSERT_EQ(table->write(client.storage, "g\0h", 3, "\0k", 2, data.data(), 5), QV_S_OK);
+    ArrayOut out;
+    ASSERT_EQ(client.read("g", "k", out), QV_S_OK);
+    EXPECT_EQ(out.calls, 1);
+    EXPECT_EQ(out.bytes, data);
+    ArrayOut last;
+    ASSERT_EQ(table->next(client.storage, "g", 1, "k", 1, &last, &ArrayOut::allocate), QV_S_OK);
+    EXPECT_EQ(last.calls, 1);
+    EXPECT_EQ(last.bytes, "");
+    ArrayOut discarded;
+    discarded.answerNull = true;
+    EXPECT_EQ(client.read("g", "k", discarded), QV_S_OK);
+    EXPECT_EQ(discarded.calls, 1);
+    std::uint32_t word = 0;
+    ASSERT_EQ(table->exists(client.storage, &word), QV_S_OK);
+    EXPECT_EQ(word, 0xFFFFFFFFu);
     EXPECT_EQ(server.received(),
-              (std::vector{existsFrame, "\x07\0\0\0\0\0\0\0\x00\x01\x01g\x01k\x00"s}));
+              (std::vector{"\x0F\0\0\0\0\0\0\0\x00\x01\x03g\0h\x02\0k\x05"s + data, existsFrame,
+                           "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s,
+                           "\x07\0\0\0\0\0\0\0\x00\x03\x01g\x01k\x00"s, existsFrame,
+                           "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s, existsFrame}));
+}
+
+// A failure reaches the caller as E_FAIL with the text, and no output is
+// written; caller errors are refused before anything is sent.
+TEST(RemoteStorageClientTest, FailuresLeaveOutputsUntouchedAndKeepTheText) {
+    LoopbackServer server(
+        {{frame(responseBody(1, ""))}, {frame(responseBody(0, "disk full"))}, {""}});
+    const HandedOut client(server);
+    ArrayOut out;
+    EXPECT_EQ(client.read("g", "k", out), QV_E_FAIL);
+    EXPECT_EQ(out.calls, 0);
+    expectReport(Testing::messageOf(client.storage), "read", "disk full");
+    std::uint32_t word = 0x12345678;
+    EXPECT_EQ(client.storage->table->exists(client.storage, &word), QV_E_FAIL);
+    EXPECT_EQ(word, 0x12345678u);
+
+    const auto* table = client.storage->table;
+    const std::size_t sent = server.received().size();
+    EXPECT_EQ(table->write(client.storage, nullptr, 3, "k", 1, "d", 1), QV_E_INVALIDARG);
+    EXPECT_EQ(table->read(client.storage, "g", 1, "k", 1, nullptr, nullptr), QV_E_INVALIDARG);
+    EXPECT_EQ(table->exists(client.storage, nullptr), QV_E_INVALIDARG);
+    EXPECT_EQ(server.received().size(), sent);
 }
 
 // Closing before answering, inside the length, halfway through the body; a
 // length far beyond what is sent; no answer at all, past the time-out.
-TEST(RemoteExchangeTest, ServerFaultsGiveTheFailedStepsReport) {
+TEST(RemoteStorageClientTest, ServerFaultsGiveTheFailedStepsReport) {
     const std::string body = responseBody(1, "payload");
-    for (const LoopbackServer::Answer& answer : {LoopbackServer::Answer{""},
-                                                 {"\x09\0\0\0"s},
-                                                 {frame(body).substr(0, 12)},
-                                                 {frame(body, std::uint64_t{1} << 40)},
-                                                 {.bytes = "", .holdOpen = true}}) {
+    for (const Answer& answer :
+         {Answer{""}, Answer{"\x09\0\0\0"s}, Answer{frame(body).substr(0, 12)},
+          Answer{frame(body, std::uint64_t{1} << 40)}, Answer{.bytes = "", .holdOpen = true}}) {
         LoopbackServer server({answer});
-        expectReport(failureOf([&] {
-                         exchange(server, {RemoteCommand::Exists, "", "", ""});
-                     }),
-                     "sendMessage", "Failed to get response");
+        expectReport(failureOf([&] { exchange(server, exists); }), "sendMessage",
+                     "Failed to get response");
     }
-}
-
-TEST(RemoteExchangeTest, ResponsesTheDecoderCannotUseAreRefused) {
     LoopbackServer server({{frame(responseBody(1, "", 1))}, {frame("", ~std::uint64_t{0})}});
-    const RemoteRequest exists{RemoteCommand::Exists, "", "", ""};
     EXPECT_EQ(failureOf([&] { exchange(server, exists); }), "need VersionConverter implementation");
     EXPECT_EQ(failureOf([&] { exchange(server, exists); }), "vector too long");
 }
 
-TEST(RemoteStorageClientTest, ReadProbesExistenceOnItsOwnConnectionFirst) {
-    LoopbackServer server({{frame(responseBody(1, ""))}, {frame(responseBody(1, "value"))}});
-    LoopbackStorageClient client(server);
-    EXPECT_EQ(client.read("g", "k"), "value");
-    EXPECT_EQ(server.received(),
-              (std::vector{existsFrame, "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s}));
-}
-
-TEST(RemoteStorageClientTest, ReadOfAStoreThatIsNotServingSendsNoReadRequest) {
-    LoopbackServer server({{frame(responseBody(0, "down"))}, {frame(responseBody(1, "value"))}});
-    LoopbackStorageClient client(server);
-    EXPECT_EQ(client.read("g", "k"), "");
-    EXPECT_EQ(server.received(), std::vector{existsFrame});
-}
-
-TEST(RemoteStorageClientTest, FailedStatusIsAReportWithTheServersTextButExistsIsFalse) {
-    const LoopbackServer::Answer failed{frame(responseBody(0, "disk full"))};
-    LoopbackServer server({failed, failed, failed, {frame(responseBody(1, ""))}, failed, failed});
+TEST(RemoteStorageClientTest, AFailedStatusIsAReportWithTheServersTextButExistsIsFalse) {
+    const Answer failed{frame(responseBody(0, "disk full"))};
+    LoopbackServer server({failed, failed, failed, failed, failed});
     LoopbackStorageClient client(server);
     expectReport(failureOf([&] { client.write("g", "k", "v"); }), "write", "disk full");
     expectReport(failureOf([&] { client.remove("g", "k"); }), "remove", "disk full");
     expectReport(failureOf([&] { client.next("g", "k"); }), "next", "disk full");
-    expectReport(failureOf([&] { client.read("g", "k"); }), "read", "disk full");
     EXPECT_FALSE(client.exists());
-}
-
-// Through ILibrary and IStorage as a program sees them.
-IStorage* createThroughLibrary(const std::string& address, std::uint32_t port) {
-    ILibrary* library = nullptr;
-    InterfaceContract::handOut(*new Library, IID_ILibrary, &library);
-    IStorage* storage = nullptr;
-    EXPECT_EQ(
-        library->table->createRemoteStorageClient(
-            library, address.data(), static_cast<std::uint32_t>(address.size()), port, &storage),
-        QV_S_OK);
-    library->table->release(library);
-    return storage;
-}
-
-TEST(RemoteClientThroughLibraryTest, EveryOperationFailsWithTheHostnameTextAndSendsNothing) {
-    LoopbackServer server({{frame(responseBody(1, ""))}});
-    IStorage* storage = createThroughLibrary("127.0.0.1", server.port());
-    const auto* table = storage->table;
-    Testing::ArrayOut out;
-    std::uint32_t word = 7;
-    for (const ResultCode result :
-         {table->read(storage, "g", 1, "k", 1, &out, &Testing::ArrayOut::allocate),
-          table->write(storage, "g", 1, "k", 1, "v", 1), table->remove(storage, "g", 1, "k", 1),
-          table->next(storage, "g", 1, "k", 1, &out, &Testing::ArrayOut::allocate),
-          table->exists(storage, &word)}) {
-        EXPECT_EQ(result, QV_E_FAIL);
-    }
-    EXPECT_EQ(Testing::messageOf(storage),
-              "hostname is invalid or requires DNS lookup, which is not supported yet");
-    EXPECT_EQ(out.calls, 0);
-    EXPECT_EQ(word, 7u);
-    EXPECT_TRUE(server.received().empty());
-    EXPECT_EQ(table->release(storage), 0u);
-}
-
-// The client answers IStorage with its own table, after the base's, on the
-// object's one count.
-TEST(RemoteClientThroughLibraryTest, EmptyAddressGivesTheClientsOwnTableWithOneCount) {
-    IStorage* storage = createThroughLibrary("", 0);
-    ASSERT_NE(storage, nullptr);
-    using OwnRemap = InterfaceContract::Details::InterfaceRemap<IStorage, RemoteStorageClient,
-                                                                RemoteStorageClient>;
-    EXPECT_EQ(storage->table, &OwnRemap::table);
-    void* queried = nullptr;
-    ASSERT_EQ(storage->table->queryInterface(storage, &IID_IStorage, &queried), QV_S_OK);
-    EXPECT_EQ(queried, storage);
-    EXPECT_EQ(storage->table->release(storage), 1u);
-    EXPECT_EQ(storage->table->release(storage), 0u);
+    // A store that is not serving gets no read request.
+    EXPECT_EQ(client.read("g", "k"), "");
+    EXPECT_EQ(server.received().size(), 5u);
+    EXPECT_EQ(server.received().back(), existsFrame);
 }
 
 }  // namespace

@@ -76,13 +76,11 @@ private:
                 std::lock_guard lock(mutex_);
                 received_.emplace_back();
             }
-            if (answer.readFrame) {
-                unsigned char length[8];
-                if (receive(connection, 8, reinterpret_cast<char*>(length))) {
-                    std::uint64_t bodyLength = 0;
-                    for (int i = 7; i >= 0; --i) bodyLength = bodyLength << 8 | length[i];
-                    receive(connection, std::min<std::uint64_t>(bodyLength, 1 << 20));
-                }
+            if (answer.readFrame && receive(connection, 8)) {
+                std::uint64_t bodyLength = 0;
+                for (int i = 7; i >= 0; --i)
+                    bodyLength = bodyLength << 8 | static_cast<std::uint8_t>(received().back()[i]);
+                receive(connection, std::min<std::uint64_t>(bodyLength, 1 << 20));
             }
             sendBytes(connection, answer.bytes);
             while (answer.holdOpen && receive(connection, 1)) {
@@ -92,18 +90,16 @@ private:
     }
 
     // Receives and records exactly `length` bytes; false if they do not come.
-    bool receive(SocketHandle connection, std::size_t length, char* copy = nullptr) {
-        std::string bytes(length, '\0');
-        for (std::size_t done = 0; done < length;) {
-            if (!waitFor(connection)) return false;
-            const long count = receiveSome(connection, bytes.data() + done, length - done);
+    bool receive(SocketHandle connection, std::size_t length) {
+        char bytes[4096];
+        while (length > 0 && waitFor(connection)) {
+            const long count = receiveSome(connection, bytes, std::min(length, sizeof bytes));
             if (count <= 0) return false;
             std::lock_guard lock(mutex_);
-            received_.back().append(bytes, done, static_cast<std::size_t>(count));
-            done += static_cast<std::size_t>(count);
+            received_.back().append(bytes, static_cast<std::size_t>(count));
+            length -= static_cast<std::size_t>(count);
         }
-        if (copy != nullptr) bytes.copy(copy, length);
-        return true;
+        return length == 0;
     }
 
     const std::vector<Answer> answers_;

@@ -1,6 +1,5 @@
-// Plain sockets on 127.0.0.1 for tests, over the platform's own socket calls
-// (LoopbackSocketPosix.cpp, LoopbackSocketWin32.cpp): the other end of what
-// the networking layer is tested against.
+// Plain sockets on 127.0.0.1 for tests, over the system's own socket calls:
+// the other end of what the networking layer is tested against.
 #pragma once
 
 #include <cstddef>
@@ -39,11 +38,5 @@ long receiveSome(SocketHandle handle, char* buffer, std::size_t size);
 void sendBytes(SocketHandle handle, const std::string& bytes);
 
 void closeSocket(SocketHandle handle);
-
-// A new TCP socket, unconnected.
-SocketHandle newTcpSocket();
-
-// True while `handle` is an open socket.
-bool isOpenSocket(SocketHandle handle);
 
 }  // namespace Quorvendale::Testing

@@ -1,20 +1,9 @@
 // Runs a program to its end for a test, as a shell would, with files in a
 // folder of the test's for its standard input, output and error. It runs in a
-// process group of its own, killed if it outlives the limit; every path waits
-// for it, so nothing is left running.
+// process group of its own, killed if it outlives the limit.
 #pragma once
 
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "Support/ChildProcess.h"
 #include "Support/TemporaryFolder.h"
@@ -29,7 +18,9 @@ struct ProgramRun {
 };
 
 // `environment` entries ("NAME=value") replace the test's own variables of
-// those names. The files are `folder`/stdin, stdout and stderr.
+// those names. The files are `folder`/stdin, stdout and stderr. A sanitized
+// build's leak checker would list the suppressions it used on standard error
+// as the program ends; the tests read standard error whole, so it is told not to.
 inline ProgramRun runProgram(const std::vector<std::string>& arguments,
                              const std::filesystem::path& folder, const std::string& input = {},
                              const std::vector<std::string>& environment = {}) {
@@ -40,34 +31,33 @@ inline ProgramRun runProgram(const std::vector<std::string>& arguments,
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in, 0);
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&actions, 1, (folder / "stdout").c_str(), flags, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, (folder / "stderr").c_str(), flags, 0600);
-
+    for (const int out : {1, 2}) {
+        const auto file = folder / (out == 1 ? "stdout" : "stderr");
+        posix_spawn_file_actions_addopen(&actions, out, file.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+    }
+    const char* leakOptions = std::getenv("LSAN_OPTIONS");
     std::vector<std::string> variables = environment;
+    variables.push_back("LSAN_OPTIONS=" + std::string(leakOptions ? leakOptions : "") +
+                        ":print_suppressions=0");
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string variable = *entry;
-        const std::string name = variable.substr(0, variable.find('=') + 1);
-        bool replaced = false;
-        for (const std::string& given : environment) replaced |= given.rfind(name, 0) == 0;
-        if (!replaced) variables.push_back(variable);
+        const std::string variable = *entry, name = variable.substr(0, variable.find('=') + 1);
+        if (std::none_of(variables.begin(), variables.end(),
+                         [&](const std::string& given) { return given.starts_with(name); })) {
+            variables.push_back(variable);
+        }
     }
     std::vector<char*> envp;
     for (std::string& variable : variables) envp.push_back(variable.data());
     envp.push_back(nullptr);
 
-    std::optional<int> status;
-    try {
+    ProgramRun run;
+    {
         ChildProcess child(arguments, &actions, envp.data());
-        status = child.wait(std::chrono::seconds(30));
-    } catch (...) {
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(in);
-        throw;
+        const std::optional<int> status = child.wait(std::chrono::seconds(30));
+        run.exitStatus = status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
     }
     posix_spawn_file_actions_destroy(&actions);
-    ProgramRun run;
-    run.exitStatus = status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
     run.inputTaken = static_cast<std::size_t>(::lseek(in, 0, SEEK_CUR));
     ::close(in);
     run.output = contentOf(folder / "stdout");

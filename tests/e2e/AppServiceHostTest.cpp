@@ -4,6 +4,7 @@
 // through AppServiceConnection, as any client does.
 #include <gtest/gtest.h>
 #include <linux/landlock.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <systemd/sd-bus.h>
 
@@ -66,15 +67,12 @@ Reply ask(const AppServiceConnection& connection, const ValueSet& message) {
     return Testing::replyOf(await(connection.SendMessageAsync(message)));
 }
 
-Reply read(const AppServiceConnection& connection, const std::string& group,
-           const std::string& key) {
-    return ask(connection, request({{u"command", "read"}, {u"group", group}, {u"key", key}}));
-}
-
-Reply write(const AppServiceConnection& connection, const std::string& group,
-            const std::string& key, const std::string& data) {
-    return ask(connection,
-               request({{u"command", "write"}, {u"group", group}, {u"key", key}, {u"data", data}}));
+// One storage command; "data" is sent only when given.
+Reply ask(const AppServiceConnection& connection, const std::string& command,
+          const std::string& group, const std::string& key, std::optional<std::string> data = {}) {
+    ValueSet message = request({{u"command", command}, {u"group", group}, {u"key", key}});
+    if (data) message.Insert(u"data", PropertyValue::CreateString(hstring(utf8ToUtf16(*data))));
+    return ask(connection, message);
 }
 
 // Not on an old kernel, nor under qemu-aarch64 7.2, which knows no Landlock
@@ -107,43 +105,29 @@ protected:
     std::optional<PrivateBus> bus_;
 };
 
+// The store's own rules are StorageTest's, and the client's whole path is
+// LocalStorageClientTest's; here, requests no client sends.
 TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
     startBus();
     const AppServiceConnection connection = openStorage();
     EXPECT_NE(host(), ::getpid());
 
     const std::string text = "gr\xC3\xBC\xC3\x9F\n\xE2\x82\xAC \xF0\x9F\x98\x80";
-    EXPECT_EQ(write(connection, "g", "k", text), success);
-    EXPECT_EQ(contentOf(localState() / "g" / "k"), "gr\xC3\xBC\xC3\x9F\r\n\xE2\x82\xAC \xF0\x9F\x98\x80");
-    EXPECT_EQ(read(connection, "g", "k"), Reply("success", text));
-    EXPECT_EQ(write(connection, "g", ".default", "k"), success);
-    EXPECT_EQ(read(connection, "g", "default"), Reply("success", text));
-    const auto next = [&](const std::string& key) {
-        return ask(connection, request({{u"command", "next"}, {u"group", "g"}, {u"key", key}}));
-    };
-    const Reply first = next("");
-    ASSERT_EQ(first.first, "success");
-    const Reply second = next(first.second);
-    EXPECT_EQ(fs::path(first.second == "k" ? second.second : first.second), ".default");
-    EXPECT_EQ(next(second.second), success);
-    EXPECT_EQ(next("missing"), Reply("failed", "Invalid key"));
-    EXPECT_EQ(ask(connection, request({{u"command", "remove"}, {u"group", "g"}, {u"key", "k"}})),
-              success);
-    EXPECT_EQ(read(connection, "g", "k"),
-              Reply("failed", "Read file error: file " + (localState() / "g" / "k").string() +
-                                  " is not exist"));
+    EXPECT_EQ(ask(connection, "write", "g", "k", text), success);
+    EXPECT_EQ(contentOf(localState() / "g" / "k"),
+              "gr\xC3\xBC\xC3\x9F\r\n\xE2\x82\xAC \xF0\x9F\x98\x80");
+    EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", text));
+    EXPECT_EQ(ask(connection, "next", "g", "missing"), Reply("failed", "Invalid key"));
 
     EXPECT_EQ(ask(connection, ValueSet()), success);
-    EXPECT_EQ(ask(connection, request({{u"command", "READ"}, {u"group", "g"}, {u"key", "k"}})),
-              Reply("failed", "Unknown command"));
+    EXPECT_EQ(ask(connection, "READ", "g", "k"), Reply("failed", "Unknown command"));
     EXPECT_EQ(ask(connection, request({{u"command", "read"}, {u"group", "g"}})),
               Testing::unknownException);
     ValueSet numericGroup = request({{u"command", "read"}, {u"key", "k"}});
     numericGroup.Insert(u"group", PropertyValue::CreateInt64(1));
     EXPECT_EQ(ask(connection, numericGroup), Testing::unknownException);
     // "data" is looked up before the store is touched: nothing appears on disk.
-    EXPECT_EQ(ask(connection, request({{u"command", "write"}, {u"group", "fresh"}, {u"key", "k"}})),
-              Testing::unknownException);
+    EXPECT_EQ(ask(connection, "write", "fresh", "k"), Testing::unknownException);
     EXPECT_FALSE(fs::exists(localState() / "fresh"));
     // Every failure had a client to hear of it: the host said nothing else.
     std::string log = bus_->log();
@@ -189,25 +173,37 @@ TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
     EXPECT_EQ(openStatus(storagePackage), Status::Unknown);
 }
 
-TEST_F(AppServiceHostTest, AHostKilledMidRequestFailsTheRequestAndANewOneServes) {
+// A host stopped with a request pending, then killed or told to end: the
+// request is answered or fails, never left waiting (killed, it fails); every
+// connection hears of the end; SIGTERM ends the host with status 0; the
+// next Open starts a new host.
+TEST_F(AppServiceHostTest, AHostEndedMidRequestLeavesNothingWaiting) {
     startBus();
-    const AppServiceConnection connection = openStorage();
-    std::atomic<int> closed{0};
-    connection.ServiceClosed([&](auto&, auto&) { ++closed; });
-    const pid_t first = host();
-
-    // Stopped, the host cannot answer: the request is still pending when it dies.
-    ::kill(first, SIGSTOP);
-    const auto pending = connection.SendMessageAsync(ValueSet());
-    ::kill(first, SIGKILL);
-    EXPECT_EQ(await(pending).Status(), AppServiceResponseStatus::Failure);
-    EXPECT_TRUE(eventually([&] { return closed == 1; }));
-    const auto status = PrivateBus::exitStatusOf(first);
-    EXPECT_TRUE(status && WIFSIGNALED(*status));
-
-    const AppServiceConnection again = openStorage();
-    EXPECT_NE(host(), first);
-    EXPECT_EQ(write(again, "g", "k", "v"), success);
+    for (const int signal : {SIGKILL, SIGTERM}) {
+        const AppServiceConnection connections[] = {openStorage(), openStorage()};
+        std::atomic<int> closed{0};
+        for (const auto& connection : connections)
+            connection.ServiceClosed([&](auto&, auto&) { ++closed; });
+        const pid_t first = host();
+        ::kill(first, SIGSTOP);
+        const auto pending = connections[0].SendMessageAsync(ValueSet());
+        ::kill(first, signal);
+        ::kill(first, SIGCONT);
+        const AppServiceResponseStatus answer = await(pending).Status();
+        const auto status = PrivateBus::exitStatusOf(first);
+        if (signal == SIGKILL) {
+            EXPECT_EQ(answer, AppServiceResponseStatus::Failure);
+            EXPECT_TRUE(status && WIFSIGNALED(*status));
+        } else {
+            EXPECT_TRUE(exitedWith(status, 0)) << bus_->log();
+        }
+        EXPECT_TRUE(eventually([&] { return closed == 2; }));
+        EXPECT_EQ(await(connections[1].SendMessageAsync(ValueSet())).Status(),
+                  AppServiceResponseStatus::Failure);
+        const AppServiceConnection again = openStorage();
+        EXPECT_NE(host(), first);
+        EXPECT_EQ(ask(again, "write", "g", "k", "v"), success);
+    }
 }
 
 TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
@@ -216,35 +212,14 @@ TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
     {
         const AppServiceConnection connection = openStorage();
         first = host();
-        EXPECT_EQ(write(connection, "g", "k", "kept"), success);
-        connection.Close();
-    }
+        EXPECT_EQ(ask(connection, "write", "g", "k", "kept"), success);
+    }  // the last copy goes, and the connection with it
     EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0)) << bus_->log();
     EXPECT_FALSE(bus_->ownerOf(storagePackage).has_value());
 
     const AppServiceConnection connection = openStorage();
     EXPECT_NE(host(), first);
-    EXPECT_EQ(read(connection, "g", "k"), Reply("success", "kept"));
-}
-
-TEST_F(AppServiceHostTest, SigtermEndsEveryConnectionAndTheHostExitsZero) {
-    startBus();
-    const AppServiceConnection connections[] = {openStorage(), openStorage()};
-    std::atomic<int> closed{0};
-    for (const auto& connection : connections)
-        connection.ServiceClosed([&](auto&, auto&) { ++closed; });
-    const pid_t first = host();
-
-    ::kill(first, SIGSTOP);
-    const auto pending = connections[0].SendMessageAsync(ValueSet());
-    ::kill(first, SIGTERM);
-    ::kill(first, SIGCONT);
-    await(pending);  // answered or failed, but never left waiting
-    EXPECT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0)) << bus_->log();
-    EXPECT_TRUE(eventually([&] { return closed == 2; }));
-    EXPECT_EQ(await(connections[1].SendMessageAsync(ValueSet())).Status(),
-              AppServiceResponseStatus::Failure);
-    EXPECT_EQ(ask(openStorage(), ValueSet()), success);
+    EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", "kept"));
 }
 
 TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingThere) {
@@ -256,57 +231,60 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
     const fs::path outside = package_.base() / "outside";
     for (const fs::path& planted : {beside, outside}) std::ofstream(planted) << "planted";
 
-    EXPECT_EQ(write(connection, "..", "beside", "changed"), Reply("failed", "Write file error"));
-    EXPECT_EQ(write(connection, "g", "../../beside", "changed"),
-              Reply("failed", "Write file error"));
-    EXPECT_EQ(write(connection, "../../..", "outside", "changed"),
-              Reply("failed", "Write file error"));
-    EXPECT_EQ(write(connection, "../../../made", "k", "v"), Reply("failed", "Write file error"));
-    EXPECT_EQ(
-        ask(connection, request({{u"command", "remove"}, {u"group", ".."}, {u"key", "beside"}})),
-        Reply("failed", "Remove file error"));
+    for (const auto& [group, key] : {std::pair{"..", "beside"},
+                                     {"g", "../../beside"},
+                                     {"../../..", "outside"},
+                                     {"../../../made", "k"}}) {
+        EXPECT_EQ(ask(connection, "write", group, key, "changed"),
+                  Reply("failed", "Write file error"));
+    }
+    EXPECT_EQ(ask(connection, "remove", "..", "beside"), Reply("failed", "Remove file error"));
     // Its status can be taken, so it reads as an entry that cannot be
     // opened: empty, and nothing of it leaves.
-    EXPECT_EQ(read(connection, "../../..", "outside"), success);
+    EXPECT_EQ(ask(connection, "read", "../../..", "outside"), success);
 
     for (const fs::path& planted : {beside, outside}) EXPECT_EQ(contentOf(planted), "planted");
     EXPECT_FALSE(fs::exists(package_.base() / "made"));
-    EXPECT_EQ(write(connection, "g", "k", "inside"), success);
-    EXPECT_EQ(write(connection, "g/..", "k", "inside too"), success);
+    EXPECT_EQ(ask(connection, "write", "g", "k", "inside"), success);
+    EXPECT_EQ(ask(connection, "write", "g/..", "k", "inside too"), success);
 }
 
+// A malformed or lying peer, and an Open of the wrong shape, end only their
+// own connection or call.
 TEST_F(AppServiceHostTest, GarbageOnOneSocketEndsOnlyThatConnection) {
     startBus();
     const AppServiceConnection connection = openStorage();
-
     sd_bus* bus = AppServiceBus::connect(bus_->address());
     ASSERT_NE(bus, nullptr);
-    sd_bus_message* reply = nullptr;
     sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
-    ASSERT_GE(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
-                                 AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
-                                 &reply, "s", storageAppService),
-              0);
-    int socket = -1;
-    ASSERT_GE(sd_bus_message_read(reply, "h", &socket), 0);
-    // A whole frame of unknown kind: the host reads every byte of it before
-    // it hangs up, so the hang-up reads as an end, not as a reset.
-    const std::string garbage("\x08\x00\x00\x00\x09garbage", 12);
-    EXPECT_EQ(::write(socket, garbage.data(), garbage.size()),
-              static_cast<ssize_t>(garbage.size()));
-    char byte = 0;
-    EXPECT_EQ(::read(socket, &byte, 1), 0);  // the host hung up
-    sd_bus_message_unref(reply);
-
-    // An Open of the wrong shape is answered with an error, not a crash.
+    const std::string lies[] = {
+        // A whole frame of unknown kind: the host reads every byte of it
+        // before it hangs up, so the hang-up reads as an end, not a reset.
+        std::string("\x08\x00\x00\x00\x09garbage", 12),
+        std::string("\x01\x00\x00\x05", 4),                    // over the limit
+        std::string("\x00\x00\x00\x04", 4) + "only a little",  // announces 64 MiB, sends less
+    };
+    for (const std::string& lie : lies) {
+        sd_bus_message* reply = nullptr;
+        ASSERT_GE(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
+                                     AppServiceBus::interfaceName, AppServiceBus::openMethod,
+                                     &error, &reply, "s", storageAppService),
+                  0);
+        int socket = -1;
+        ASSERT_GE(sd_bus_message_read(reply, "h", &socket), 0);
+        EXPECT_EQ(::write(socket, lie.data(), lie.size()), static_cast<ssize_t>(lie.size()));
+        ::shutdown(socket, SHUT_WR);
+        char byte = 0;
+        EXPECT_EQ(::read(socket, &byte, 1), 0);  // the host hung up
+        sd_bus_message_unref(reply);
+    }
     EXPECT_LT(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
                                  AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
                                  nullptr, "u", 7u),
               0);
     sd_bus_error_free(&error);
     sd_bus_flush_close_unref(bus);
-
-    EXPECT_EQ(write(connection, "g", "k", "still served"), success);
+    EXPECT_EQ(ask(connection, "write", "g", "k", "still served"), success);
 }
 
 }  // namespace
