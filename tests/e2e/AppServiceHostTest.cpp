@@ -4,6 +4,7 @@
 // through AppServiceConnection, as any client does.
 #include <gtest/gtest.h>
 #include <linux/landlock.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <systemd/sd-bus.h>
 
@@ -234,6 +235,17 @@ TEST_F(AppServiceHostTest, SigtermEndsEveryConnectionAndTheHostExitsZero) {
     EXPECT_EQ(await(connections[1].SendMessageAsync(ValueSet())).Status(),
               AppServiceResponseStatus::Failure);
     EXPECT_EQ(ask(openStorage(), ValueSet()), success);
+}
+
+TEST_F(AppServiceHostTest, AWriteOverTheHostsFileSizeLimitFailsAndTheHostServesOn) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    const rlimit small{4096, 4096};
+    ASSERT_EQ(::prlimit(host(), RLIMIT_FSIZE, &small, nullptr), 0);
+    EXPECT_EQ(write(connection, "g", "big", std::string(8192, 'x')),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(write(connection, "g", "small", "fits"), success);
+    EXPECT_EQ(read(connection, "g", "small"), Reply("success", "fits"));
 }
 
 bool landlockAvailable() {

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -71,8 +72,17 @@ int serve(const HostOptions& options) {
 
 }  // namespace
 
+// A file-size limit below a value's size, or a client gone before its answer
+// left, is an error for that one request (EFBIG, EPIPE), never the end of
+// every connection. Ignored dispositions survive into every thread.
+void ignoreFatalSignals() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
 int main(int argc, char** argv) {
     blockTerminationSignals();
+    ignoreFatalSignals();
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     switch (parsed.outcome) {
         case ParseOutcome::Help:
