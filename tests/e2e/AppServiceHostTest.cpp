@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
 #include "Support/PrivateBus.h"
+#include "Support/RawAppServiceClient.h"
 #include "Support/StorageMessages.h"
 #include "Support/Waiting.h"
 
@@ -248,6 +250,60 @@ TEST_F(AppServiceHostTest, AWriteOverTheHostsFileSizeLimitFailsAndTheHostServesO
     EXPECT_EQ(read(connection, "g", "small"), Reply("success", "fits"));
 }
 
+TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOnce) {
+    startBus();
+    const AppServiceConnection normal = openStorage();
+    ASSERT_EQ(write(normal, "g", "large", std::string(256 << 10, 'x')), success);
+    ASSERT_EQ(write(normal, "g", "small", "v"), success);
+    // More reads of the large value than the host has threads, none of their
+    // answers read.
+    const Testing::RawAppServiceClient attacker(bus_->address(), storagePackage, storageAppService);
+    for (std::uint64_t id = 1; id <= 100; ++id) {
+        ASSERT_TRUE(attacker.sendRequest(id, request({{u"command", "read"}, {u"group", "g"},
+                                                      {u"key", "large"}})));
+    }
+    std::vector<double> milliseconds;
+    for (int i = 0; i < 200; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        const auto reply = await(normal.SendMessageAsync(request(
+                                     {{u"command", "read"}, {u"group", "g"}, {u"key", "small"}})),
+                                 std::chrono::seconds(1));
+        milliseconds.push_back(std::chrono::duration<double, std::milli>(
+                                   std::chrono::steady_clock::now() - start).count());
+        ASSERT_EQ(Testing::replyOf(reply), Reply("success", "v"));
+    }
+    std::sort(milliseconds.begin(), milliseconds.end());
+    EXPECT_LT(milliseconds[197], 50.0) << "p50 " << milliseconds[100] << " ms";
+
+    EXPECT_TRUE(eventually([&] { return bus_->log().find("stopped reading") != std::string::npos; }));
+    EXPECT_TRUE(attacker.hungUpWithin(std::chrono::seconds(2)));
+    EXPECT_EQ(read(normal, "g", "small"), Reply("success", "v"));
+}
+
+TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnRequest) {
+    startBus();
+    const Testing::RawAppServiceClient flood(bus_->address(), storagePackage, storageAppService);
+    constexpr std::uint64_t count = 3000;
+    std::thread sender([&] {
+        for (std::uint64_t id = 1; id <= count && flood.sendRequest(id, ValueSet());) ++id;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::vector<bool> answered(count + 1, false);
+    std::uint64_t received = 0;
+    for (; received < count; ++received) {
+        const auto frame = flood.receive(std::chrono::seconds(5));
+        if (!frame || frame->kind != AppServiceFrame::Kind::Response || frame->requestId > count ||
+            answered[frame->requestId]) {
+            break;
+        }
+        answered[frame->requestId] = true;
+        EXPECT_EQ(Testing::replyOf({AppServiceResponseStatus::Success, frame->message}), success);
+    }
+    EXPECT_EQ(received, count);
+    ::shutdown(flood.socket(), SHUT_RDWR);  // a sender the host stopped reading gives up
+    sender.join();
+}
+
 bool landlockAvailable() {
     return ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) >= 1;
 }
@@ -284,25 +340,16 @@ TEST_F(AppServiceHostTest, GarbageOnOneSocketEndsOnlyThatConnection) {
     startBus();
     const AppServiceConnection connection = openStorage();
 
-    sd_bus* bus = AppServiceBus::connect(bus_->address());
-    ASSERT_NE(bus, nullptr);
-    sd_bus_message* reply = nullptr;
-    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
-    ASSERT_GE(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
-                                 AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
-                                 &reply, "s", storageAppService),
-              0);
-    int socket = -1;
-    ASSERT_GE(sd_bus_message_read(reply, "h", &socket), 0);
     // A whole frame of unknown kind: the host reads every byte of it before
     // it hangs up, so the hang-up reads as an end, not as a reset.
-    const std::string garbage("\x08\x00\x00\x00\x09garbage", 12);
-    EXPECT_EQ(::write(socket, garbage.data(), garbage.size()),
-              static_cast<ssize_t>(garbage.size()));
+    const Testing::RawAppServiceClient garbage(bus_->address(), storagePackage, storageAppService);
+    EXPECT_TRUE(garbage.sendBytes(std::string("\x08\x00\x00\x00\x09garbage", 12)));
     char byte = 0;
-    EXPECT_EQ(::read(socket, &byte, 1), 0);  // the host hung up
-    sd_bus_message_unref(reply);
+    EXPECT_EQ(::read(garbage.socket(), &byte, 1), 0);  // the host hung up
 
+    sd_bus* bus = AppServiceBus::connect(bus_->address());
+    ASSERT_NE(bus, nullptr);
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
     // An Open of the wrong shape is answered with an error, not a crash.
     EXPECT_LT(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
                                  AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
