@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "AppServiceHost.h"
 #include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
@@ -302,6 +303,22 @@ TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnReq
     EXPECT_EQ(received, count);
     ::shutdown(flood.socket(), SHUT_RDWR);  // a sender the host stopped reading gives up
     sender.join();
+}
+
+TEST_F(AppServiceHostTest, PastItsDescriptorsTheHostRefusesOpenWithAStatusUntilOneCloses) {
+    startBus();
+    std::vector<AppServiceConnection> held{openStorage()};
+    rlimit descriptors{};
+    ASSERT_EQ(::prlimit(host(), RLIMIT_NOFILE, nullptr, &descriptors), 0);
+    EXPECT_EQ(descriptors.rlim_cur, descriptors.rlim_max);  // raised at start
+    descriptors.rlim_cur = AppHost::AppServiceHost::descriptorMargin + 3;
+    ASSERT_EQ(::prlimit(host(), RLIMIT_NOFILE, &descriptors, nullptr), 0);
+    held.push_back(openStorage());
+    held.push_back(openStorage());
+    EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+    held.front().Close();
+    EXPECT_TRUE(eventually([] { return openStatus(storagePackage) == Status::Success; }));
+    EXPECT_EQ(ask(held.back(), ValueSet()), success);
 }
 
 bool landlockAvailable() {

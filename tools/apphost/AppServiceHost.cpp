@@ -1,9 +1,11 @@
 #include "AppServiceHost.h"
 
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -33,6 +35,18 @@ constexpr std::chrono::milliseconds unloadRetry{20};
 // How long an ending host waits for its services to let go before it leaves
 // anyway.
 constexpr std::chrono::seconds unloadPatience{5};
+
+// How many connections the host can serve now; read at each Open, so that a
+// limit changed from outside (prlimit) counts at once.
+std::size_t connectionCapacity() {
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return AppServiceHost::maximumConnections;
+    const rlim_t usable = descriptors.rlim_cur > AppServiceHost::descriptorMargin
+                              ? descriptors.rlim_cur - AppServiceHost::descriptorMargin
+                              : 0;
+    return static_cast<std::size_t>(
+        std::min<rlim_t>(usable, AppServiceHost::maximumConnections));
+}
 
 }  // namespace
 
@@ -184,6 +198,11 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
     if (options_.appServiceName != name) {
         return sd_bus_error_set(error, AppServiceBus::appServiceUnavailableError,
                                 "This package declares no app service of that name.");
+    }
+    if (served_->count() >= connectionCapacity()) {
+        return sd_bus_error_set(error, AppServiceBus::connectionLimitError,
+                                "The app service serves all the connections it can; "
+                                "try again when one has closed.");
     }
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {

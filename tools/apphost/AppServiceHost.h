@@ -21,6 +21,14 @@ class ServedConnections;
 
 class AppServiceHost {
 public:
+    // Descriptors kept for the host's own use beyond its connections: a file
+    // or folder for each pool thread at work, the bus, the loop's own, the
+    // library's. A connection takes one; past its soft RLIMIT_NOFILE less
+    // this margin, the host refuses Open rather than fail to answer it.
+    static constexpr std::size_t descriptorMargin = 128;
+    // Each connection has a reader thread of its own.
+    static constexpr std::size_t maximumConnections = 8192;
+
     // Takes over the bus connection.
     AppServiceHost(const HostOptions& options, const ServiceLibrary& library, sd_bus* bus);
     ~AppServiceHost();

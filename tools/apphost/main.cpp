@@ -1,6 +1,7 @@
 // quorvendale-apphost: the host of a package's app service, started on demand
 // by D-Bus activation (see --help, and HostOptions.h).
 #include <signal.h>
+#include <sys/resource.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -80,9 +81,20 @@ void ignoreFatalSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+// A connection costs a descriptor: the host takes all the system lets it.
+void raiseDescriptorLimit() {
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
+        descriptors.rlim_cur < descriptors.rlim_max) {
+        descriptors.rlim_cur = descriptors.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &descriptors);
+    }
+}
+
 int main(int argc, char** argv) {
     blockTerminationSignals();
     ignoreFatalSignals();
+    raiseDescriptorLimit();
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     switch (parsed.outcome) {
         case ParseOutcome::Help:

@@ -108,11 +108,11 @@ void AppServiceChannel::flush() {
 bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
     while (!outgoing_.empty()) {
         const std::string& frame = outgoing_.front().frame;
+        const char* const rest = frame.data() + sentOfFirst_;
+        const std::size_t restSize = frame.size() - sentOfFirst_;
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
-        const ssize_t count = Posix::retryInterrupted([&] {
-            return ::send(socket_.get(), frame.data() + sentOfFirst_, frame.size() - sentOfFirst_,
-                          MSG_NOSIGNAL | MSG_DONTWAIT);
-        });
+        const ssize_t count = Posix::retryInterrupted(
+            [&] { return ::send(socket_.get(), rest, restSize, MSG_NOSIGNAL | MSG_DONTWAIT); });
         if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
         if (count <= 0) return false;
         lastProgress_ = std::chrono::steady_clock::now();
