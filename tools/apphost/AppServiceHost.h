@@ -52,6 +52,7 @@ private:
     static int onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self);
     static int onIdleTimer(sd_event_source*, std::uint64_t, void* self);
     static int onConnectionEnded(sd_event_source*, int, std::uint32_t, void* self);
+    static int onTrimTimer(sd_event_source*, std::uint64_t, void* self);
 
     int open(sd_bus_message* call, sd_bus_error* error);
     void serve(Posix::FileDescriptor socket);
@@ -66,6 +67,7 @@ private:
     sd_bus* bus_;
     sd_event* event_ = nullptr;
     sd_event_source* idleTimer_ = nullptr;
+    sd_event_source* trimTimer_ = nullptr;
     std::shared_ptr<ServedConnections> served_;
     bool nameReleased_ = false;
 };

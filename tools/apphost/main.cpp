@@ -1,5 +1,6 @@
 // quorvendale-apphost: the host of a package's app service, started on demand
 // by D-Bus activation (see --help, and HostOptions.h).
+#include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <stdlib.h>
@@ -81,6 +82,15 @@ void ignoreFatalSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+// Large buffers (values, frames) get pages of their own, handed back when
+// they are freed. Left to itself, the allocator raises both thresholds after
+// the first large free, and from then on keeps a burst's worth of memory in
+// the heaps of the threads that served it; fixed values stop that.
+void returnLargeBuffers() {
+    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+    ::mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
+}
+
 // A connection costs a descriptor: the host takes all the system lets it.
 void raiseDescriptorLimit() {
     rlimit descriptors{};
@@ -95,6 +105,7 @@ int main(int argc, char** argv) {
     blockTerminationSignals();
     ignoreFatalSignals();
     raiseDescriptorLimit();
+    returnLargeBuffers();
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     switch (parsed.outcome) {
         case ParseOutcome::Help:
