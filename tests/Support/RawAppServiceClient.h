@@ -25,22 +25,19 @@ public:
         namespace Bus = Platform::AppServiceBus;
         sd_bus* bus = Bus::connect(busAddress);
         sd_bus_message* reply = nullptr;
-        sd_bus_error error{};
         int socket = -1;
         if (bus && sd_bus_call_method(bus, package, Bus::objectPath, Bus::interfaceName,
-                                      Bus::openMethod, &error, &reply, "s", appService) >= 0 &&
+                                      Bus::openMethod, nullptr, &reply, "s", appService) >= 0 &&
             sd_bus_message_read(reply, "h", &socket) >= 0) {
             socket_.reset(::fcntl(socket, F_DUPFD_CLOEXEC, 0));  // the reply owns its own
         }
         sd_bus_message_unref(reply);
-        sd_bus_error_free(&error);
         sd_bus_flush_close_unref(bus);
         if (!socket_.valid()) throw std::runtime_error("the host did not open a socket");
     }
 
     int socket() const { return socket_.get(); }
 
-    // Blocks until every byte is in the socket.
     bool sendBytes(const std::string& bytes) const {
         for (std::size_t sent = 0; sent < bytes.size();) {
             const ssize_t count =
