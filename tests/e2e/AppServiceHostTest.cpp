@@ -4,19 +4,23 @@
 // through AppServiceConnection, as any client does.
 #include <gtest/gtest.h>
 #include <linux/landlock.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
+#include "AppServiceHost.h"
 #include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
 #include "Support/PrivateBus.h"
+#include "Support/RawAppServiceClient.h"
 #include "Support/StorageMessages.h"
 #include "Support/Waiting.h"
 
@@ -222,6 +226,84 @@ TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
     EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", "kept"));
 }
 
+TEST_F(AppServiceHostTest, AWriteOverTheHostsFileSizeLimitFailsAndTheHostServesOn) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    const rlimit small{4096, 4096};
+    ASSERT_EQ(::prlimit(host(), RLIMIT_FSIZE, &small, nullptr), 0);
+    EXPECT_EQ(ask(connection, "write", "g", "big", std::string(8192, 'x')),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(ask(connection, "write", "g", "small", "fits"), success);
+    EXPECT_EQ(ask(connection, "read", "g", "small"), Reply("success", "fits"));
+}
+
+TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOnce) {
+    startBus();
+    const AppServiceConnection normal = openStorage();
+    ASSERT_EQ(ask(normal, "write", "g", "large", std::string(128 << 10, 'x')), success);
+    // More reads of the large value than the host has threads, none of their
+    // answers read.
+    const Testing::RawAppServiceClient attacker(bus_->address(), storagePackage, storageAppService);
+    for (std::uint64_t id = 1; id <= 100; ++id) {
+        ASSERT_TRUE(attacker.sendRequest(id, request({{u"command", "read"}, {u"group", "g"},
+                                                      {u"key", "large"}})));
+    }
+    std::vector<double> milliseconds;
+    for (int i = 0; i < 200; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        const auto reply = await(normal.SendMessageAsync(ValueSet()), std::chrono::seconds(1));
+        milliseconds.push_back(std::chrono::duration<double, std::milli>(
+                                   std::chrono::steady_clock::now() - start).count());
+        ASSERT_EQ(Testing::replyOf(reply), success);
+    }
+    std::sort(milliseconds.begin(), milliseconds.end());
+    // Answers no thread waits for; what remains is the attacker's share of the CPU.
+    EXPECT_LT(milliseconds[197], QV_SANITIZED_BUILD ? 500.0 : 50.0) << "p50 " << milliseconds[100];
+
+    EXPECT_TRUE(eventually([&] { return bus_->log().find("stopped reading") != std::string::npos; }));
+    EXPECT_TRUE(attacker.hungUpWithin(std::chrono::seconds(2)));
+}
+
+TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnRequest) {
+    startBus();
+    const Testing::RawAppServiceClient flood(bus_->address(), storagePackage, storageAppService);
+    constexpr std::uint64_t count = 3000;
+    std::thread sender([&] {
+        for (std::uint64_t id = 1; id <= count && flood.sendRequest(id, ValueSet());) ++id;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::vector<bool> answered(count + 1, false);
+    std::uint64_t received = 0;
+    for (; received < count; ++received) {
+        const auto frame = flood.receive(std::chrono::seconds(5));
+        if (!frame || frame->kind != AppServiceFrame::Kind::Response || frame->requestId > count ||
+            answered[frame->requestId]) {
+            break;
+        }
+        answered[frame->requestId] = true;
+        EXPECT_EQ(Testing::replyOf({AppServiceResponseStatus::Success, frame->message}), success);
+    }
+    EXPECT_EQ(received, count);
+    ::shutdown(flood.socket(), SHUT_RDWR);  // a sender the host stopped reading gives up
+    sender.join();
+}
+
+TEST_F(AppServiceHostTest, PastItsDescriptorsTheHostRefusesOpenWithAStatusUntilOneCloses) {
+    startBus();
+    std::vector<AppServiceConnection> held{openStorage()};
+    rlimit descriptors{};
+    ASSERT_EQ(::prlimit(host(), RLIMIT_NOFILE, nullptr, &descriptors), 0);
+    EXPECT_EQ(descriptors.rlim_cur, descriptors.rlim_max);  // raised at start
+    descriptors.rlim_cur = AppHost::AppServiceHost::descriptorMargin + 3;
+    ASSERT_EQ(::prlimit(host(), RLIMIT_NOFILE, &descriptors, nullptr), 0);
+    held.push_back(openStorage());
+    held.push_back(openStorage());
+    EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+    held.front().Close();
+    EXPECT_TRUE(eventually([] { return openStatus(storagePackage) == Status::Success; }));
+    EXPECT_EQ(ask(held.back(), ValueSet()), success);
+}
+
 TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingThere) {
     if (!landlockAvailable())
         GTEST_SKIP() << "no Landlock here (kernel or emulator): the host runs unconfined";
@@ -254,30 +336,25 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
 TEST_F(AppServiceHostTest, GarbageOnOneSocketEndsOnlyThatConnection) {
     startBus();
     const AppServiceConnection connection = openStorage();
-    sd_bus* bus = AppServiceBus::connect(bus_->address());
-    ASSERT_NE(bus, nullptr);
-    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
+    // Each lie ends its own connection only. A whole frame of unknown kind:
+    // the host reads every byte of it before it hangs up, so the hang-up
+    // reads as an end, not a reset.
     const std::string lies[] = {
-        // A whole frame of unknown kind: the host reads every byte of it
-        // before it hangs up, so the hang-up reads as an end, not a reset.
         std::string("\x08\x00\x00\x00\x09garbage", 12),
         std::string("\x01\x00\x00\x05", 4),                    // over the limit
         std::string("\x00\x00\x00\x04", 4) + "only a little",  // announces 64 MiB, sends less
     };
     for (const std::string& lie : lies) {
-        sd_bus_message* reply = nullptr;
-        ASSERT_GE(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
-                                     AppServiceBus::interfaceName, AppServiceBus::openMethod,
-                                     &error, &reply, "s", storageAppService),
-                  0);
-        int socket = -1;
-        ASSERT_GE(sd_bus_message_read(reply, "h", &socket), 0);
-        EXPECT_EQ(::write(socket, lie.data(), lie.size()), static_cast<ssize_t>(lie.size()));
-        ::shutdown(socket, SHUT_WR);
+        const Testing::RawAppServiceClient liar(bus_->address(), storagePackage, storageAppService);
+        EXPECT_TRUE(liar.sendBytes(lie));
+        ::shutdown(liar.socket(), SHUT_WR);
         char byte = 0;
-        EXPECT_EQ(::read(socket, &byte, 1), 0);  // the host hung up
-        sd_bus_message_unref(reply);
+        EXPECT_EQ(::read(liar.socket(), &byte, 1), 0);  // the host hung up
     }
+    sd_bus* bus = AppServiceBus::connect(bus_->address());
+    ASSERT_NE(bus, nullptr);
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
+    // An Open of the wrong shape is answered with an error, not a crash.
     EXPECT_LT(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
                                  AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
                                  nullptr, "u", 7u),

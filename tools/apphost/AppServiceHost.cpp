@@ -1,9 +1,12 @@
 #include "AppServiceHost.h"
 
+#include <malloc.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -33,6 +36,24 @@ constexpr std::chrono::milliseconds unloadRetry{20};
 // How long an ending host waits for its services to let go before it leaves
 // anyway.
 constexpr std::chrono::seconds unloadPatience{5};
+// How often the host hands the memory its allocator holds free back to the
+// system. A burst (many large values, a flood of answers) leaves the heaps
+// of the pool threads' arenas large and mostly free; the allocator keeps
+// them unless asked. Trimming costs a walk of the free lists, nothing when
+// there is nothing to give back.
+constexpr std::chrono::seconds trimInterval{1};
+
+// How many connections the host can serve now; read at each Open, so that a
+// limit changed from outside (prlimit) counts at once.
+std::size_t connectionCapacity() {
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return AppServiceHost::maximumConnections;
+    const rlim_t usable = descriptors.rlim_cur > AppServiceHost::descriptorMargin
+                              ? descriptors.rlim_cur - AppServiceHost::descriptorMargin
+                              : 0;
+    return static_cast<std::size_t>(
+        std::min<rlim_t>(usable, AppServiceHost::maximumConnections));
+}
 
 }  // namespace
 
@@ -121,6 +142,7 @@ AppServiceHost::AppServiceHost(const HostOptions& options, const ServiceLibrary&
       served_(std::make_shared<ServedConnections>()) {}
 
 AppServiceHost::~AppServiceHost() {
+    sd_event_source_unref(trimTimer_);
     sd_event_source_unref(idleTimer_);
     sd_bus_detach_event(bus_);
     sd_bus_flush_close_unref(bus_);
@@ -156,6 +178,11 @@ int AppServiceHost::run() {
                                      microseconds(options_.idleExit), 1000,
                                      &AppServiceHost::onIdleTimer, this),
           "sd_event_add_time_relative");
+    check(sd_event_add_time_relative(event_, &trimTimer_, CLOCK_MONOTONIC,
+                                     microseconds(trimInterval), 100'000,
+                                     &AppServiceHost::onTrimTimer, this),
+          "sd_event_add_time_relative");
+    check(sd_event_source_set_enabled(trimTimer_, SD_EVENT_ON), "sd_event_source_set_enabled");
 
     if (const int taken = sd_bus_request_name(bus_, options_.packageFamilyName.c_str(), 0);
         taken < 0) {
@@ -184,6 +211,11 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
     if (options_.appServiceName != name) {
         return sd_bus_error_set(error, AppServiceBus::appServiceUnavailableError,
                                 "This package declares no app service of that name.");
+    }
+    if (served_->count() >= connectionCapacity()) {
+        return sd_bus_error_set(error, AppServiceBus::connectionLimitError,
+                                "The app service serves all the connections it can; "
+                                "try again when one has closed.");
     }
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -235,6 +267,11 @@ int AppServiceHost::onConnectionEnded(sd_event_source*, int, std::uint32_t, void
         host.armIdleTimer(microseconds(host.options_.idleExit));
     }
     return 0;
+}
+
+int AppServiceHost::onTrimTimer(sd_event_source* timer, std::uint64_t, void*) {
+    ::malloc_trim(0);
+    return sd_event_source_set_time_relative(timer, microseconds(trimInterval));
 }
 
 int AppServiceHost::onIdleTimer(sd_event_source*, std::uint64_t, void* self) {

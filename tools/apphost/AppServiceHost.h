@@ -21,6 +21,14 @@ class ServedConnections;
 
 class AppServiceHost {
 public:
+    // Descriptors kept for the host's own use beyond its connections: a file
+    // or folder for each pool thread at work, the bus, the loop's own, the
+    // library's. A connection takes one; past its soft RLIMIT_NOFILE less
+    // this margin, the host refuses Open rather than fail to answer it.
+    static constexpr std::size_t descriptorMargin = 128;
+    // Each connection has a reader thread of its own.
+    static constexpr std::size_t maximumConnections = 8192;
+
     // Takes over the bus connection.
     AppServiceHost(const HostOptions& options, const ServiceLibrary& library, sd_bus* bus);
     ~AppServiceHost();
@@ -44,6 +52,7 @@ private:
     static int onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self);
     static int onIdleTimer(sd_event_source*, std::uint64_t, void* self);
     static int onConnectionEnded(sd_event_source*, int, std::uint32_t, void* self);
+    static int onTrimTimer(sd_event_source*, std::uint64_t, void* self);
 
     int open(sd_bus_message* call, sd_bus_error* error);
     void serve(Posix::FileDescriptor socket);
@@ -58,6 +67,7 @@ private:
     sd_bus* bus_;
     sd_event* event_ = nullptr;
     sd_event_source* idleTimer_ = nullptr;
+    sd_event_source* trimTimer_ = nullptr;
     std::shared_ptr<ServedConnections> served_;
     bool nameReleased_ = false;
 };

@@ -1,9 +1,12 @@
 // quorvendale-apphost: the host of a package's app service, started on demand
 // by D-Bus activation (see --help, and HostOptions.h).
+#include <malloc.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -71,8 +74,38 @@ int serve(const HostOptions& options) {
 
 }  // namespace
 
+// A file-size limit below a value's size, or a client gone before its answer
+// left, is an error for that one request (EFBIG, EPIPE), never the end of
+// every connection. Ignored dispositions survive into every thread.
+void ignoreFatalSignals() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+// Large buffers (values, frames) get pages of their own, handed back when
+// they are freed. Left to itself, the allocator raises both thresholds after
+// the first large free, and from then on keeps a burst's worth of memory in
+// the heaps of the threads that served it; fixed values stop that.
+void returnLargeBuffers() {
+    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+    ::mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
+}
+
+// A connection costs a descriptor: the host takes all the system lets it.
+void raiseDescriptorLimit() {
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
+        descriptors.rlim_cur < descriptors.rlim_max) {
+        descriptors.rlim_cur = descriptors.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &descriptors);
+    }
+}
+
 int main(int argc, char** argv) {
     blockTerminationSignals();
+    ignoreFatalSignals();
+    raiseDescriptorLimit();
+    returnLargeBuffers();
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     switch (parsed.outcome) {
         case ParseOutcome::Help:

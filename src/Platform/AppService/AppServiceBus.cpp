@@ -119,6 +119,7 @@ constexpr ErrorStatus errorStatuses[] = {
     {"org.freedesktop.DBus.Error.NoReply", AppServiceConnectionStatus::AppUnavailable},
     {"org.freedesktop.DBus.Error.Timeout", AppServiceConnectionStatus::AppUnavailable},
     {appServiceUnavailableError, AppServiceConnectionStatus::AppServiceUnavailable},
+    {connectionLimitError, AppServiceConnectionStatus::AppUnavailable},
 };
 
 AppServiceConnectionStatus statusOf(int result, const sd_bus_error& error) {

@@ -5,7 +5,8 @@
 //   Open(s appServiceName) -> h socket
 //
 // which answers one end of a new socketpair whose other end the host serves,
-// or the error appServiceUnavailableError for a name it does not declare.
+// or the error appServiceUnavailableError for a name it does not declare, or
+// connectionLimitError while it serves all the connections it can.
 #pragma once
 
 #include <string>
@@ -23,6 +24,8 @@ inline constexpr const char* interfaceName = "org.quorvendale.AppServiceHost";
 inline constexpr const char* openMethod = "Open";
 inline constexpr const char* appServiceUnavailableError =
     "org.quorvendale.AppServiceHost.Error.AppServiceUnavailable";
+inline constexpr const char* connectionLimitError =
+    "org.quorvendale.AppServiceHost.Error.ConnectionLimit";
 
 // The session bus's address: DBUS_SESSION_BUS_ADDRESS, else the socket
 // "bus" in XDG_RUNTIME_DIR; empty when neither is set.
@@ -46,6 +49,7 @@ struct OpenedAppService {
 //   no bus to connect to, the bus went away       AppUnavailable
 //   org.freedesktop.DBus.Error.ServiceUnknown     AppNotInstalled (no service file)
 //   ...Error.Spawn.*, TimedOut, NoReply, Timeout  AppUnavailable (the host did not start or answer)
+//   the host's connectionLimitError               AppUnavailable (for now; it may open later)
 //   the host's appServiceUnavailableError         AppServiceUnavailable
 //   a bus that cannot pass a socket, and any other error    Unknown
 OpenedAppService open(const std::string& packageFamilyName, const std::string& appServiceName);

@@ -3,10 +3,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <thread>
 
 #include "Platform/AppService/ConnectionObject.h"
 #include "Platform/AppService/IncomingRequest.h"
+#include "Platform/AppService/OutgoingPump.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
@@ -20,7 +24,22 @@ constexpr std::size_t firstReadStep = 64 * 1024;
 
 AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSet()}; }
 
+std::uint64_t nextPumpId() {
+    static std::atomic<std::uint64_t> last{0};
+    return ++last;
+}
+
+// One write, so that lines of several threads never interleave.
+void logLine(const std::string& text) {
+    const std::string line = std::string(program_invocation_short_name) + ": " + text + "\n";
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
 }  // namespace
+
+AppServiceChannel::AppServiceChannel(Posix::FileDescriptor socket,
+                                     std::weak_ptr<ConnectionObject> owner) noexcept
+    : socket_(std::move(socket)), owner_(std::move(owner)), pumpId_(nextPumpId()) {}
 
 std::shared_ptr<AppServiceChannel> AppServiceChannel::open(Posix::FileDescriptor socket,
                                                            std::weak_ptr<ConnectionObject> owner) {
@@ -43,7 +62,7 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
         waiting_.emplace(requestId, completion);
     }
     const auto frame = AppServiceFrame{AppServiceFrame::Kind::Request, requestId, message}.encode();
-    if (!frame || !write(*frame)) {
+    if (!frame || !write(std::move(*frame), false)) {
         answer(requestId, frame ? failed()
                                 : AppServiceResponse{AppServiceResponseStatus::MessageSizeTooLarge,
                                                      ValueSet()});
@@ -51,17 +70,116 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
     return completion.operation();
 }
 
-bool AppServiceChannel::write(const std::string& frame) {
-    MutexLock lock(writeMutex_);
-    for (std::size_t sent = 0; sent < frame.size();) {
+bool AppServiceChannel::write(std::string frame, bool isAnswer) {
+    std::size_t answersSent = 0;
+    bool sent = false;
+    {
+        MutexLock lock(writeMutex_);
+        if (!writable_) return false;
+        if (outgoing_.empty()) lastProgress_ = std::chrono::steady_clock::now();
+        queuedBytes_ += frame.size();
+        outgoing_.push_back({std::move(frame), isAnswer});
+        // Behind other frames, it waits for the pump, which is watching:
+        // sending here would put its bytes before theirs.
+        if (outgoing_.size() > 1) return true;
+        sent = sendQueued(answersSent);
+        if (sent) watchOrForget();
+    }
+    answersLeft(answersSent);
+    if (!sent) dropQueue();
+    return sent;
+}
+
+void AppServiceChannel::flush() {
+    std::size_t answersSent = 0;
+    bool sent = false;
+    {
+        MutexLock lock(writeMutex_);
+        if (!writable_) return;
+        sent = sendQueued(answersSent);
+        if (sent) watchOrForget();
+    }
+    answersLeft(answersSent);
+    if (!sent) dropQueue();
+}
+
+// Sends from the queue until it is empty or the socket is full; false when
+// the peer is gone.
+bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
+    while (!outgoing_.empty()) {
+        const std::string& frame = outgoing_.front().frame;
+        const char* const rest = frame.data() + sentOfFirst_;
+        const std::size_t restSize = frame.size() - sentOfFirst_;
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
-        const ssize_t count = Posix::retryInterrupted([&] {
-            return ::send(socket_.get(), frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
-        });
+        const ssize_t count = Posix::retryInterrupted(
+            [&] { return ::send(socket_.get(), rest, restSize, MSG_NOSIGNAL | MSG_DONTWAIT); });
+        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
         if (count <= 0) return false;
-        sent += static_cast<std::size_t>(count);
+        lastProgress_ = std::chrono::steady_clock::now();
+        sentOfFirst_ += static_cast<std::size_t>(count);
+        if (sentOfFirst_ < frame.size()) continue;
+        queuedBytes_ -= frame.size();
+        if (outgoing_.front().isAnswer) ++answersSent;
+        outgoing_.pop_front();
+        sentOfFirst_ = 0;
     }
     return true;
+}
+
+void AppServiceChannel::watchOrForget() {
+    if (outgoing_.empty()) {
+        if (watched_) OutgoingPump::instance().forget(pumpId_, socket_.get());
+        watched_ = false;
+    } else if (watched_) {
+        OutgoingPump::instance().rearm(pumpId_, socket_.get());
+    } else {
+        watched_ = true;
+        OutgoingPump::instance().watch(pumpId_, socket_.get(), weak_from_this());
+    }
+}
+
+// The peer is gone or cut off: what it has not taken is freed now, and the
+// reader is woken to see the end of the stream.
+void AppServiceChannel::dropQueue() {
+    decltype(outgoing_) dropped;
+    {
+        MutexLock lock(writeMutex_);
+        writable_ = false;
+        dropped.swap(outgoing_);
+        queuedBytes_ = 0;
+        sentOfFirst_ = 0;
+        if (watched_) OutgoingPump::instance().forget(pumpId_, socket_.get());
+        watched_ = false;
+    }
+    ::shutdown(socket_.get(), SHUT_RDWR);
+}
+
+void AppServiceChannel::closeIfStalled() {
+    std::size_t unread = 0;
+    {
+        MutexLock lock(writeMutex_);
+        if (!writable_ || queuedBytes_ <= maximumUnreadBytes ||
+            std::chrono::steady_clock::now() - lastProgress_ < stalledPeerLimit) {
+            return;
+        }
+        unread = queuedBytes_;
+    }
+    logLine("closing an app-service connection whose peer has stopped reading (" +
+            std::to_string(unread >> 10) + " KiB waiting for it for " +
+            std::to_string(stalledPeerLimit.count()) + " s)");
+    close(true);
+}
+
+void AppServiceChannel::answersLeft(std::size_t count) {
+    if (count == 0) return;
+    MutexLock lock(mutex_);
+    inFlight_ -= std::min(count, inFlight_);
+    room_.notify_one();
+}
+
+bool AppServiceChannel::ended() const {
+    MutexLock lock(mutex_);
+    return closed_;
 }
 
 void AppServiceChannel::whenEnded(std::function<void()> handler) {
@@ -83,8 +201,9 @@ void AppServiceChannel::close(bool byPeer) {
         closed_ = true;
         waiting.swap(waiting_);
     }
-    // Wakes the reader (it sees the end of the stream) and any blocked writer.
-    ::shutdown(socket_.get(), SHUT_RDWR);
+    room_.notify_all();
+    // Also wakes the reader, which sees the end of the stream.
+    dropQueue();
     for (auto& [requestId, completion] : waiting) completion.Complete(failed());
     ThreadPool::submit([self = shared_from_this(), byPeer] { self->raiseEnd(byPeer); });
 }
@@ -105,7 +224,16 @@ void AppServiceChannel::raiseEnd(bool byPeer) {
 }
 
 void AppServiceChannel::readFrames() {
-    while (auto frame = readFrame()) dispatch(std::move(*frame));
+    for (;;) {
+        {
+            MutexLock lock(mutex_);
+            while (!closed_ && inFlight_ >= maximumRequestsInFlight) room_.wait(lock.forWaiting());
+            if (closed_) break;
+        }
+        auto frame = readFrame();
+        if (!frame) break;
+        dispatch(std::move(*frame));
+    }
     close(true);
 }
 
@@ -155,10 +283,16 @@ void AppServiceChannel::dispatch(AppServiceFrame&& frame) {
 }
 
 void AppServiceChannel::raiseRequest(std::uint64_t requestId, ValueSet message) {
+    {
+        MutexLock lock(mutex_);
+        ++inFlight_;
+    }
     auto request =
         std::make_shared<IncomingRequest>(shared_from_this(), requestId, std::move(message));
     ThreadPool::submit([self = shared_from_this(), request] {
-        if (const auto owner = self->owner_.lock()) {
+        // A request whose connection ended before its turn is dropped unheard.
+        const auto owner = self->ended() ? nullptr : self->owner_.lock();
+        if (owner) {
             owner->requestReceived(AppServiceConnection(owner),
                                    AppServiceRequestReceivedEventArgs(request));
         }

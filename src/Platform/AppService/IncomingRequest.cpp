@@ -8,7 +8,7 @@ AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
     const auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
     if (!frame) return AppServiceResponseStatus::MessageSizeTooLarge;
-    if (!channel->write(*frame)) return AppServiceResponseStatus::Failure;
+    if (!channel->write(std::move(*frame), true)) return AppServiceResponseStatus::Failure;
     answered_ = true;
     return AppServiceResponseStatus::Success;
 }
@@ -25,7 +25,7 @@ void IncomingRequest::release() {
     answered_ = true;
     const auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Refusal, requestId, ValueSet()}.encode();
-    channel->write(*frame);
+    channel->write(std::move(*frame), true);
 }
 
 }  // namespace Quorvendale::Platform::Details
