@@ -27,16 +27,4 @@ com_ptr<IInspectable> ValueSet::Lookup(const hstring& key) const {
 
 bool ValueSet::HasKey(const hstring& key) const { return map_->index.contains(key); }
 
-std::uint32_t ValueSet::Size() const noexcept {
-    return static_cast<std::uint32_t>(map_->entries.size());
-}
-
-std::vector<ValueSet::Entry>::const_iterator ValueSet::begin() const noexcept {
-    return map_->entries.begin();
-}
-
-std::vector<ValueSet::Entry>::const_iterator ValueSet::end() const noexcept {
-    return map_->entries.end();
-}
-
 }  // namespace Quorvendale::Platform

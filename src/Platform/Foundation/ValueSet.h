@@ -25,10 +25,11 @@ public:
     // The value under the key; E_BOUNDS if there is none.
     com_ptr<IInspectable> Lookup(const hstring& key) const;
     bool HasKey(const hstring& key) const;
-    std::uint32_t Size() const noexcept;
-
-    std::vector<Entry>::const_iterator begin() const noexcept;
-    std::vector<Entry>::const_iterator end() const noexcept;
+    // The accessors are inline: a program reads a message with them without
+    // the shared runtime having to export them.
+    std::uint32_t Size() const noexcept { return static_cast<std::uint32_t>(map_->entries.size()); }
+    std::vector<Entry>::const_iterator begin() const noexcept { return map_->entries.begin(); }
+    std::vector<Entry>::const_iterator end() const noexcept { return map_->entries.end(); }
 
 private:
     struct Map {
