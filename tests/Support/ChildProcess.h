@@ -21,14 +21,16 @@ namespace Quorvendale::Testing {
 class ChildProcess {
 public:
     // `actions` set up the program's descriptors; `environment` is its
-    // whole environment, this process's own by default.
+    // whole environment, this process's own by default. A cross build's
+    // programs run under the emulator its tests run under; `native` ones
+    // (a script, a system tool) do not.
     explicit ChildProcess(const std::vector<std::string>& arguments,
                           const posix_spawn_file_actions_t* actions = nullptr,
-                          char* const* environment = environ) {
+                          char* const* environment = environ,
+                          [[maybe_unused]] bool native = false) {
         std::vector<char*> argv;
 #ifdef QV_TEST_EMULATOR
-        // A cross build's programs run under the emulator its tests run under.
-        argv.push_back(const_cast<char*>(QV_TEST_EMULATOR));
+        if (!native) argv.push_back(const_cast<char*>(QV_TEST_EMULATOR));
 #endif
         for (const std::string& argument : arguments)
             argv.push_back(const_cast<char*>(argument.c_str()));

@@ -60,7 +60,7 @@ public:
             "-c",
             "echo \"$DBUS_SESSION_BUS_ADDRESS\"; echo \"$PRIVATE_BUS_LOG\"; exec cat >/dev/null"};
         if (options.overTcp) arguments.insert(arguments.begin() + 1, "--tcp");
-        script_.emplace(arguments, &actions);
+        script_.emplace(arguments, &actions, environ, true);
         posix_spawn_file_actions_destroy(&actions);
         ::close(in[0]);
         ::close(out[1]);
