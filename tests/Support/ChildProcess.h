@@ -1,18 +1,24 @@
-// A program a test runs beside itself, in a process group of its own that is
-// killed at the end unless the program has ended by then.
+// The one way the tests start a program: in a process group of its own,
+// killed at the end unless the program has ended by then. runProgram runs one
+// to its end as a shell would, with files for its standard streams.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "Support/TemporaryFolder.h"
 
 extern char** environ;
 
@@ -20,10 +26,8 @@ namespace Quorvendale::Testing {
 
 class ChildProcess {
 public:
-    // `actions` set up the program's descriptors; `environment` is its
-    // whole environment, this process's own by default. A cross build's
-    // programs run under the emulator its tests run under; `native` ones
-    // (a script, a system tool) do not.
+    // `actions` set up the program's descriptors. A cross build's programs
+    // run under its tests' emulator; `native` ones (a script) do not.
     explicit ChildProcess(const std::vector<std::string>& arguments,
                           const posix_spawn_file_actions_t* actions = nullptr,
                           char* const* environment = environ,
@@ -56,8 +60,7 @@ public:
 
     pid_t pid() const { return pid_; }
 
-    // The status waitpid gives once the program has ended; nothing if it
-    // has not ended within the limit.
+    // The waitpid status once the program has ended within the limit.
     std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(60)) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
         while (!status_ && std::chrono::steady_clock::now() < deadline) {
@@ -75,5 +78,59 @@ private:
     pid_t pid_ = -1;
     std::optional<int> status_;
 };
+
+struct ProgramRun {
+    int exitStatus = -1;         // the exit code, or -1 if a signal ended the program
+    std::string output;          // standard output
+    std::string errors;          // standard error
+    std::size_t inputTaken = 0;  // how far it read into its standard input
+};
+
+// `environment` entries ("NAME=value") replace the test's own. The files are
+// `folder`/stdin, stdout and stderr. The leak checker of a sanitized build is
+// told not to list its suppressions on standard error, which tests read whole.
+inline ProgramRun runProgram(const std::vector<std::string>& arguments,
+                             const std::filesystem::path& folder, const std::string& input = {},
+                             const std::vector<std::string>& environment = {}) {
+    std::ofstream(folder / "stdin", std::ios::binary) << input;
+    // The program's standard input shares this descriptor's offset, which
+    // tells afterwards how far it read.
+    const int in = ::open((folder / "stdin").c_str(), O_RDONLY | O_CLOEXEC);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in, 0);
+    for (const int out : {1, 2}) {
+        const auto file = folder / (out == 1 ? "stdout" : "stderr");
+        posix_spawn_file_actions_addopen(&actions, out, file.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+    }
+    const char* leakOptions = std::getenv("LSAN_OPTIONS");
+    std::vector<std::string> variables = environment;
+    variables.push_back("LSAN_OPTIONS=" + std::string(leakOptions ? leakOptions : "") +
+                        ":print_suppressions=0");
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string variable = *entry, name = variable.substr(0, variable.find('=') + 1);
+        if (std::none_of(variables.begin(), variables.end(),
+                         [&](const std::string& given) { return given.starts_with(name); })) {
+            variables.push_back(variable);
+        }
+    }
+    std::vector<char*> envp;
+    for (std::string& variable : variables) envp.push_back(variable.data());
+    envp.push_back(nullptr);
+
+    ProgramRun run;
+    {
+        ChildProcess child(arguments, &actions, envp.data());
+        const std::optional<int> status = child.wait(std::chrono::seconds(30));
+        run.exitStatus = status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    run.inputTaken = static_cast<std::size_t>(::lseek(in, 0, SEEK_CUR));
+    ::close(in);
+    run.output = contentOf(folder / "stdout");
+    run.errors = contentOf(folder / "stderr");
+    return run;
+}
 
 }  // namespace Quorvendale::Testing

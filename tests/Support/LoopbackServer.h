@@ -1,7 +1,6 @@
-// A TCP server on 127.0.0.1 for tests: a thread of the test process on an
-// ephemeral port that serves one scripted answer per connection, in order,
-// records what each connection sent, and stops by itself once every answer is
-// served. Every wait is bounded, so a test that goes wrong fails, never hangs.
+// A TCP server on 127.0.0.1: a thread that serves one scripted answer per
+// connection, in order, and records what each connection sent. Every wait is
+// bounded, so a test that goes wrong fails, never hangs.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +25,7 @@ inline std::string frame(const std::string& body, std::uint64_t length) {
 }
 inline std::string frame(const std::string& body) { return frame(body, body.size()); }
 
-// A response body; the payload is shorter than 128 bytes.
+// A response body with a payload below 128 bytes.
 inline std::string responseBody(char status, const std::string& payload, char version = 0) {
     return std::string{version, status, static_cast<char>(payload.size())} + payload;
 }
@@ -58,8 +57,7 @@ public:
     }
 
 private:
-    // Waits in short steps, so that a stop is seen; false when stopping or
-    // after 30 s.
+    // In short steps, so that a stop is seen.
     bool waitFor(SocketHandle handle) const {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!stop_ && std::chrono::steady_clock::now() < deadline) {

@@ -8,35 +8,21 @@
 
 namespace Quorvendale::Testing {
 
-// 127.0.0.1 as it lies in a socket address.
-inline constexpr std::uint32_t loopback = 0x0100007F;
-
-// A socket handle of the system, as the networking layer keeps one.
-using SocketHandle = std::uint64_t;
+inline constexpr std::uint32_t loopback = 0x0100007F;  // as it lies in a socket address
+using SocketHandle = std::uint64_t;                      // as the networking layer keeps one
 
 struct LoopbackListener {
     SocketHandle handle;
     std::uint16_t port;
 };
 
-// A TCP socket bound to 127.0.0.1 at an ephemeral port, listening with
-// `backlog` when that is above 0, and otherwise only bound, so that connects
-// to its port are refused while it is open. Throws std::runtime_error.
+// Bound to an ephemeral port; with a backlog of 0 it does not listen, so that
+// connects to its port are refused while it is open.
 LoopbackListener listenOnLoopback(int backlog);
-
-// True when `handle` has a connection to accept, bytes to read or an end to
-// report within `milliseconds`.
 bool readable(SocketHandle handle, int milliseconds);
-
-// The next connection on a listener, with Nagle's delay off.
-SocketHandle acceptConnection(SocketHandle listener);
-
-// One receive: the count, 0 when the peer has closed, below 0 on failure.
+SocketHandle acceptConnection(SocketHandle listener);  // with Nagle's delay off
 long receiveSome(SocketHandle handle, char* buffer, std::size_t size);
-
-// One send of all the bytes; a peer that is gone raises no signal.
-void sendBytes(SocketHandle handle, const std::string& bytes);
-
+void sendBytes(SocketHandle handle, const std::string& bytes);  // raises no SIGPIPE
 void closeSocket(SocketHandle handle);
 
 }  // namespace Quorvendale::Testing

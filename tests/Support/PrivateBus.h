@@ -1,13 +1,10 @@
 // A private session bus for tests and benchmarks, made by scripts/private-bus:
 // a dbus-daemon whose only service folder is the one given, in a process group
-// of its own that also holds every host it activates and that the script
-// kills when its command ends. That command waits on a pipe from this object,
-// so the bus goes with the object, or with this process if it dies first.
-// While it lives, DBUS_SESSION_BUS_ADDRESS points at it.
-//
-// This process becomes the subreaper of what the bus starts: an activated
-// host, orphaned by the daemon once it owns its name, becomes our child, so
-// a test can see it end and how (exitStatusOf).
+// with every host it activates, killed by the script when its command ends.
+// That command waits on a pipe from this object, so the bus goes with the
+// object or with this process. While it lives, DBUS_SESSION_BUS_ADDRESS points
+// at it. As subreaper, this process inherits each host the daemon orphans, so
+// a test can see how it ended (exitStatusOf).
 #pragma once
 
 #include <fcntl.h>
@@ -32,8 +29,7 @@ class PrivateBus {
 public:
     struct Options {
         bool overTcp = false;  // on 127.0.0.1: a bus that cannot pass descriptors
-        // How long an activated service may take to own its name; keep it
-        // under the client's 30 s call time-out.
+        // For a service to own its name; under the client's 30 s call time-out.
         std::chrono::milliseconds serviceStartTimeout{10'000};
     };
 
@@ -42,22 +38,16 @@ public:
     PrivateBus(const std::filesystem::path& services, Options options) {
         ::prctl(PR_SET_CHILD_SUBREAPER, 1);
         int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-        if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe2 failed");
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, in[0], 0);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         std::filesystem::create_directories(services);
         std::vector<std::string> arguments = {
-            QV_PRIVATE_BUS,
-            "--services",
-            services.string(),
-            "--start-timeout",
-            std::to_string(options.serviceStartTimeout.count()),
-            "--",
-            "/bin/sh",
-            "-c",
+            QV_PRIVATE_BUS, "--services", services.string(), "--start-timeout",
+            std::to_string(options.serviceStartTimeout.count()), "--", "/bin/sh", "-c",
             "echo \"$DBUS_SESSION_BUS_ADDRESS\"; echo \"$PRIVATE_BUS_LOG\"; exec cat >/dev/null"};
         if (options.overTcp) arguments.insert(arguments.begin() + 1, "--tcp");
         script_.emplace(arguments, &actions, environ, true);
@@ -89,10 +79,9 @@ public:
     PrivateBus& operator=(const PrivateBus&) = delete;
 
     const std::string& address() const { return address_; }
-    // What the daemon and what it started wrote to standard error.
+    // The standard error of the daemon and what it started.
     std::string log() const { return contentOf(logFile_); }
 
-    // The process that owns the name now, if any.
     std::optional<pid_t> ownerOf(const std::string& name) const {
         std::optional<pid_t> owner;
         askTheBus("GetConnectionUnixProcessID", name.c_str(), [&](sd_bus_message* reply) {
@@ -102,28 +91,24 @@ public:
         return owner;
     }
 
-    // Makes the daemon read its service folder again now.
     void reloadServices() const {
         askTheBus("ReloadConfig", nullptr, [](sd_bus_message*) {});
     }
 
-    // The exit status (as waitpid gives it) of a process this bus started,
-    // once it has ended; nothing if it has not ended within the limit.
+    // The waitpid status of a process the bus started, once it has ended.
     static std::optional<int> exitStatusOf(
         pid_t process, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
         do {
             int status = 0;
             if (::waitpid(process, &status, WNOHANG) == process) return status;
-            // Not our child yet: the daemon's helper has not let it go.
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         } while (std::chrono::steady_clock::now() < deadline);
         return std::nullopt;
     }
 
 private:
-    // Calls a method of the daemon itself with one string argument or none,
-    // and hands a successful reply to `read`.
+    // Calls a method of the daemon with one string argument or none.
     template <class Read>
     void askTheBus(const char* method, const char* argument, Read read) const {
         sd_bus* bus = nullptr;
@@ -139,15 +124,13 @@ private:
         sd_bus_flush_close_unref(bus);
     }
 
-    // The command ends with its standard input; the script then kills the
-    // bus's group and ends too.
+    // The command ends with its standard input, and the script kills the group.
     void end() {
         if (keepAlive_ >= 0) ::close(std::exchange(keepAlive_, -1));
         if (!script_->wait(std::chrono::seconds(10))) ::kill(-script_->pid(), SIGTERM);
         script_->wait(std::chrono::seconds(10));
     }
 
-    // One line, within 10 s.
     static std::string readLine(int descriptor) {
         std::string line;
         pollfd watched{descriptor, POLLIN, 0};

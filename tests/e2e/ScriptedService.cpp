@@ -1,24 +1,15 @@
 // A stand-in storage service for the local client's tests, in a library of
-// its own that the real host activates (--library, --entry-point
-// Test.ScriptedService) in place of the storage service. It answers each
-// request as the request's key says, so that tests can make the replies a
-// real store never gives:
-//
-//   "reject..."      status "failed", response "rejected by the scripted service"
-//   "null-response"  status "success", response null
-//   "no-response"    status "success", no response at all
-//   "no-status"      a response, no status
-//   "Success"        status "Success": right but for the letter case
-//   "success "       status "success ": right but for a trailing blank
-//   anything else    status "success", the key as response
-//
-// and it writes a line "<connection> <command> <key>" for every request to
-// requests.log in its package's LocalState, where the connection is the
-// activation's number in this host process, so that tests can count what
-// the service received.
+// its own that the real host activates (--entry-point Test.ScriptedService)
+// in place of the storage service. It answers each request as the table in
+// replyTo says for its key, so that tests can make the replies a real store
+// never gives, and logs "<connection> <command> <key>" for every request to
+// requests.log in its LocalState, the connection being the activation's
+// number in this host, so that tests can count what the service received.
 #include <atomic>
 #include <fstream>
 #include <mutex>
+#include <optional>
+#include <vector>
 
 #include "Platform/AppService/AppServiceTriggerDetails.h"
 #include "Platform/Activation/ApplicationData.h"
@@ -46,27 +37,23 @@ void log(int connection, const ValueSet& message) {
         << '\n';
 }
 
+// The entries of each reply, in order; a null text is a null value.
 ValueSet replyTo(const std::string& key) {
+    using Entries = std::vector<std::pair<const char16_t*, std::optional<std::string>>>;
+    const std::string quoted = "status \"" + key + "\"";
+    const Entries entries =
+        key == "null-response" ? Entries{{u"response", std::nullopt}, {u"status", "success"}}
+        : key == "no-response" ? Entries{{u"status", "success"}}
+        : key == "no-status"   ? Entries{{u"response", "no status"}}
+        : key.starts_with("reject")
+            ? Entries{{u"response", "rejected by the scripted service"}, {u"status", "failed"}}
+        // Right but for the letter case or a trailing blank.
+        : key == "Success" || key == "success " ? Entries{{u"response", quoted}, {u"status", key}}
+                                                : Entries{{u"response", key}, {u"status", "success"}};
     ValueSet reply;
-    const auto text = [](const std::string& value) {
-        return PropertyValue::CreateString(hstring(utf8ToUtf16(value)));
-    };
-    if (key == "null-response") {
-        reply.Insert(u"response", nullptr);
-        reply.Insert(u"status", text("success"));
-    } else if (key == "no-response") {
-        reply.Insert(u"status", text("success"));
-    } else if (key == "no-status") {
-        reply.Insert(u"response", text("no status"));
-    } else if (key.starts_with("reject")) {
-        reply.Insert(u"response", text("rejected by the scripted service"));
-        reply.Insert(u"status", text("failed"));
-    } else if (key == "Success" || key == "success ") {
-        reply.Insert(u"response", text("status \"" + key + "\""));
-        reply.Insert(u"status", text(key));
-    } else {
-        reply.Insert(u"response", text(key));
-        reply.Insert(u"status", text("success"));
+    for (const auto& [name, text] : entries) {
+        reply.Insert(name, text ? PropertyValue::CreateString(hstring(utf8ToUtf16(*text)))
+                                : nullptr);
     }
     return reply;
 }
