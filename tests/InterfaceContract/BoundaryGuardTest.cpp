@@ -15,13 +15,6 @@
 
 namespace Quorvendale::InterfaceContract {
 
-namespace Reports {
-std::string raiseHere(int* line) {
-    *line = __LINE__ + 1;
-    return QV_ERROR_REPORT("Failed to connect to tcp server");
-}
-}  // namespace Reports
-
 namespace {
 
 TEST(BoundaryGuard, TranslatesEachKindInCatchOrder) {
@@ -87,16 +80,6 @@ TEST(BoundaryGuard, EachThreadReadsItsOwnMessage) {
     EXPECT_EQ(seen[0], "failure of thread 0");
     EXPECT_EQ(seen[1], "failure of thread 1");
     object->table->release(object);
-}
-
-TEST(ErrorReport, NamesFileQualifiedFunctionLineAndMessage) {
-    int line = 0;
-    const std::string report = Reports::raiseHere(&line);
-    EXPECT_EQ(report,
-              "Exception:\n\tfile: tests/InterfaceContract/BoundaryGuardTest.cpp\n"
-              "\tfunction: Quorvendale::InterfaceContract::Reports::raiseHere\n"
-              "\tline: " +
-                  std::to_string(line) + "\n\tmessage: Failed to connect to tcp server");
 }
 
 TEST(ErrorReport, QualifiedNameDropsReturnTypeParametersAndQualifiers) {

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -83,29 +82,15 @@ TEST(SocketTest, RefusedConnectReturnsFalse) {
     Testing::closeSocket(bound.handle);
 }
 
-TEST(SocketAddressTest, IPv4IsFamilyPortAddressThenZeros) {
-    const SocketAddress address = IPEndPoint(IPAddress(0x0A00A8C0), 8080).toSocketAddress();
-    const std::uint8_t expected[32] = {0x02, 0x00, 0x1F, 0x90, 0xC0, 0xA8, 0x00, 0x0A};
-    EXPECT_EQ(address.size, 16);
-    EXPECT_TRUE(std::equal(expected, expected + 32, address.bytes.begin()));
-}
-
-// Only the parse failure is thrown by value: a handler of NetworkException by
-// reference sees it and not the pointer throws.
+// The refusal of every host text is the remote client's tests'. Only it is
+// thrown by value: a handler of NetworkException by reference sees it and not
+// the pointer thrown for a null host.
 TEST(TcpClientTest, NoHostTextParsesAndNoSocketIsMade) {
-    for (const char* host : {"127.0.0.1", "localhost", ""}) {
-        TcpClient client;
-        try {
-            client.connect(host, 80, 3000);
-            FAIL() << host;
-        } catch (const NetworkException& e) {
-            EXPECT_STREQ(e.what(),
-                         "hostname is invalid or requires DNS lookup, which is not supported yet");
-        }
-        EXPECT_EQ(client.socket(), nullptr);
-    }
+    TcpClient client;
+    EXPECT_THROW(client.connect("localhost", 80, 3000), NetworkException);
+    EXPECT_EQ(client.socket(), nullptr);
     try {
-        TcpClient().connect(nullptr, 80, 3000);
+        client.connect(nullptr, 80, 3000);
         ADD_FAILURE();
     } catch (NetworkException* e) {
         EXPECT_STREQ(e->what(), "hostname is null");

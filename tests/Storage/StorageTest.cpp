@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <functional>
 #include <set>
-#include <thread>
 
 #include "Storage/FolderStorage.h"
 #include "Support/TemporaryFolder.h"
@@ -170,25 +169,6 @@ TEST_F(StorageTest, GroupFolders) {
     store_.write("a", "k", "v");
     store_.write("a/b", "k", "v");
     EXPECT_EQ(Testing::contentOf(entryPath("a/b", "k")), "v");
-}
-
-// Meant for the sanitizer builds: one store serves threads at once, as the
-// service's one instance does.
-TEST_F(StorageTest, ThreadsShareOneStore) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t) {
-        threads.emplace_back([this, t] {
-            const std::string key = "key" + std::to_string(t);
-            for (int round = 0; round < 40; ++round) {
-                const std::string value = key + "\nround " + std::to_string(round);
-                store_.write("shared", key, value);
-                EXPECT_EQ(store_.read("shared", key), value);
-                store_.next("shared", key);
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(store_.getKeys("shared").size(), 6u);
 }
 
 #ifndef _WIN32

@@ -80,11 +80,11 @@ struct HandedOut {
     IStorage* storage = nullptr;
 };
 
-// Binary bytes travel whole both ways. A read probes existence on its own
-// connection first; an empty result still calls the callback once, and a
-// null buffer from it is tolerated.
+// Binary bytes travel whole both ways; a key of 200 bytes has a two-byte
+// length. A read probes existence on its own connection first; an empty
+// result still calls the callback once, and a null buffer from it is tolerated.
 TEST(RemoteStorageClientTest, TheTableCarriesBytesWholeOntoTheWire) {
-    const std::string data = "a\0b\0\xff"s;
+    const std::string data = "a\0b\0\xff"s, key = "\0"s + std::string(199, 'k');
     const Answer empty{frame(responseBody(1, ""))};
     LoopbackServer server({empty,
                            empty,
@@ -95,7 +95,7 @@ TEST(RemoteStorageClientTest, TheTableCarriesBytesWholeOntoTheWire) {
                            empty});
     const HandedOut client(server);
     const auto* table = client.storage->table;
-    ASSERT_EQ(table->write(client.storage, "g\0h", 3, "\0k", 2, data.data(), 5), QV_S_OK);
+    ASSERT_EQ(table->write(client.storage, "g\0h", 3, key.data(), 200, data.data(), 5), QV_S_OK);
     ArrayOut out;
     ASSERT_EQ(client.read("g", "k", out), QV_S_OK);
     EXPECT_EQ(out.calls, 1);
@@ -112,8 +112,8 @@ TEST(RemoteStorageClientTest, TheTableCarriesBytesWholeOntoTheWire) {
     ASSERT_EQ(table->exists(client.storage, &word), QV_S_OK);
     EXPECT_EQ(word, 0xFFFFFFFFu);
     EXPECT_EQ(server.received(),
-              (std::vector{"\x0F\0\0\0\0\0\0\0\x00\x01\x03g\0h\x02\0k\x05"s + data, existsFrame,
-                           "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s,
+              (std::vector{"\xD6\0\0\0\0\0\0\0\x00\x01\x03g\0h\xC8\x01"s + key + "\x05"s + data,
+                           existsFrame, "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s,
                            "\x07\0\0\0\0\0\0\0\x00\x03\x01g\x01k\x00"s, existsFrame,
                            "\x07\0\0\0\0\0\0\0\x00\x00\x01g\x01k\x00"s, existsFrame}));
 }

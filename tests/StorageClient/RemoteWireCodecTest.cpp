@@ -28,12 +28,6 @@ TEST(RemoteWireCodecTest, VarintsRoundTripAndRefuseWhatDoesNotFit) {
     }
 }
 
-TEST(RemoteWireCodecTest, LongFieldsHaveMultiByteLengths) {
-    const std::string key(200, 'k');
-    EXPECT_EQ(encodeRequest({RemoteCommand::Read, "\0"s, key, ""}),
-              "\x00\x00\x01\x00\xC8\x01"s + key + "\x00"s);
-}
-
 TEST(RemoteWireCodecTest, ResponsesDecodeOnlyWithinTheirBody) {
     const RemoteResponse response = decodeResponse(
         "\x00\x01\x03"

@@ -18,7 +18,7 @@
 #include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
-#include "Support/PrivateBus.h"
+#include "Support/StorageServiceBus.h"
 #include "Support/RawAppServiceClient.h"
 #include "Support/StorageMessages.h"
 #include "Support/Waiting.h"
@@ -36,17 +36,8 @@ using Testing::request;
 using Testing::success;
 using Status = AppServiceConnectionStatus;
 
-constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
+using Testing::storagePackage;
 constexpr const char* storageAppService = Quorvendale::ServiceIdentity::appServiceName.data();
-
-// The build tree's service file of the storage service, its host told to
-// leave after `idleSeconds` with nothing to serve.
-void installStorageService(const fs::path& folder, int idleSeconds = 30) {
-    std::string file = contentOf(QV_BUILD_SERVICE_FILE);
-    file.insert(file.find_last_not_of('\n') + 1, " --idle-exit " + std::to_string(idleSeconds));
-    fs::create_directories(folder);
-    std::ofstream(folder / (std::string(storagePackage) + ".service")) << file;
-}
 
 // The connection and the status of its Open.
 std::pair<AppServiceConnection, Status> open(const std::string& package = storagePackage,
@@ -90,25 +81,7 @@ bool exitedWith(std::optional<int> status, int code) {
     return status && WIFEXITED(*status) && WEXITSTATUS(*status) == code;
 }
 
-class AppServiceHostTest : public testing::Test {
-protected:
-    fs::path localState() const { return package_.localState(storagePackage); }
-    // The test ends here when no host owns the name: the signals meant for
-    // the host must never go to pid -1, every process this one may signal.
-    pid_t host() const {
-        const auto owner = bus_->ownerOf(storagePackage);
-        if (!owner) throw std::runtime_error("no host owns the storage service's name");
-        return *owner;
-    }
-    void startBus(int idleSeconds = 30) {
-        installStorageService(services_.path(), idleSeconds);
-        bus_.emplace(services_.path());
-    }
-
-    Testing::PackageFolder package_;  // the data home every host of the bus inherits
-    Testing::TemporaryFolder services_;
-    std::optional<PrivateBus> bus_;
-};
+class AppServiceHostTest : public testing::Test, protected Testing::StorageServiceBus {};
 
 // The store's own rules are StorageTest's, and every command from a client
 // is qvstore's session tests'; here, requests no client sends.
@@ -134,7 +107,7 @@ TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
 
 TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
     const fs::path folder = services_.path();
-    installStorageService(folder);
+    install();
     Testing::writeServiceFile(folder, "Missing.Program_1", "/nonexistent/program");
     Testing::writeServiceFile(folder, "Exits.AtOnce_1", "/bin/true");
     Testing::writeServiceFile(folder, "Never.TakesItsName_1", "/bin/sleep 60");
@@ -204,7 +177,7 @@ TEST_F(AppServiceHostTest, AHostEndedMidRequestLeavesNothingWaiting) {
 }
 
 TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
-    startBus(1);
+    startBus(" --idle-exit 1");
     pid_t first = -1;
     {
         const AppServiceConnection connection = openStorage();

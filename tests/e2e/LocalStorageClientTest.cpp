@@ -12,36 +12,19 @@
 #include <thread>
 #include <vector>
 
-#include "ServiceIdentity.h"
 #include "Quorvendale/Client.hpp"
-#include "Support/PrivateBus.h"
+#include "Support/StorageServiceBus.h"
 
 namespace Quorvendale {
 namespace {
 
 namespace fs = std::filesystem;
 using Client::Storage;
-using Testing::contentOf;
 using Testing::PrivateBus;
-
-constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
 
 const Client::Library& library() {
     static const Client::Library loaded(QV_STORAGE_LIBRARY);
     return loaded;
-}
-
-// The build tree's service file, or the same host serving the scripted service.
-void install(const fs::path& folder, bool scripted = false) {
-    std::string file = contentOf(QV_BUILD_SERVICE_FILE);
-    if (scripted) {
-        const std::size_t entryPoint = file.find("--entry-point ") + 14;
-        file.replace(entryPoint, file.find(' ', entryPoint) - entryPoint, "Test.ScriptedService");
-        const std::string library = QV_STORAGE_LIBRARY;
-        file.replace(file.find(library), library.size(), QV_SCRIPTED_SERVICE);
-    }
-    fs::create_directories(folder);
-    std::ofstream(folder / (std::string(storagePackage) + ".service")) << file;
 }
 
 template <class Call>
@@ -56,18 +39,15 @@ std::string failureOf(Call call) {
     return {};
 }
 
-class LocalStorageClientTest : public testing::Test {
+// The same host serving the scripted service instead.
+const std::string scripted =
+    " --entry-point Test.ScriptedService --library \"" QV_SCRIPTED_SERVICE "\"";
+
+class LocalStorageClientTest : public testing::Test, protected Testing::StorageServiceBus {
 protected:
-    fs::path localState() const { return package_.localState(storagePackage); }
-    void start(bool scripted = false) {
-        install(services_.path(), scripted);
-        bus_.emplace(services_.path());
-    }
     Storage connect() { return library().local().value(); }
-    pid_t host() const { return bus_->ownerOf(storagePackage).value_or(-1); }
     void killHost() {
         const pid_t running = host();
-        ASSERT_GT(running, 0);
         ::kill(running, SIGKILL);
         ASSERT_TRUE(PrivateBus::exitStatusOf(running).has_value());
     }
@@ -77,16 +57,12 @@ protected:
         for (std::string line; std::getline(log, line);) lines.push_back(line);
         return lines;
     }
-
-    Testing::PackageFolder package_;
-    Testing::TemporaryFolder services_;
-    std::optional<PrivateBus> bus_;
 };
 
 // Every command, CR LF on disk and the listing are qvstore's session tests,
 // through this same client; here, what qvstore cannot send.
 TEST_F(LocalStorageClientTest, ValuesQvstoreCannotSendReachTheService) {
-    start();
+    startBus();
     Storage storage = connect();
     EXPECT_TRUE(storage.exists());
     storage.write("g", "k", "a\nb");
@@ -103,7 +79,7 @@ TEST_F(LocalStorageClientTest, ValuesQvstoreCannotSendReachTheService) {
 }
 
 TEST_F(LocalStorageClientTest, ARejectedRequestIsSentTwiceOnTwoConnectionsThenFails) {
-    start(true);
+    startBus(scripted);
     Storage storage = connect();
     const std::string report = failureOf([&] { storage.read("g", "reject"); });
     EXPECT_NE(report.find("function: Quorvendale::StorageClient::UwpLocalStorageClient::executeCommand"),
@@ -142,7 +118,7 @@ TEST_F(LocalStorageClientTest, ARejectedRequestIsSentTwiceOnTwoConnectionsThenFa
 }
 
 TEST_F(LocalStorageClientTest, RepliesAreCheckedToTheLetter) {
-    start(true);
+    startBus(scripted);
     Storage storage = connect();
     EXPECT_EQ(storage.read("g", "null-response"), "");
     EXPECT_EQ(storage.next("g", "echoed"), "echoed");
@@ -157,9 +133,9 @@ TEST_F(LocalStorageClientTest, RepliesAreCheckedToTheLetter) {
 }
 
 TEST_F(LocalStorageClientTest, WithTheServiceGoneOperationsFailAndExistsSaysNoOnce) {
-    start();
+    startBus();
     Storage storage = connect();
-    fs::remove(services_.path() / (std::string(storagePackage) + ".service"));
+    fs::remove(serviceFile());
     bus_->reloadServices();
     killHost();
 
@@ -175,7 +151,7 @@ TEST_F(LocalStorageClientTest, WithTheServiceGoneOperationsFailAndExistsSaysNoOn
     EXPECT_FALSE(exists);
 
     // exists never reconnects; an operation's retry does.
-    install(services_.path());
+    install();
     bus_->reloadServices();
     testing::internal::CaptureStdout();
     EXPECT_FALSE(storage.exists());
@@ -199,7 +175,7 @@ TEST_P(LoadTest, SharedAndUnsharedClientsGiveTheSameResults) {
     constexpr int threads = 8, rounds = 300;
     const Load load = GetParam();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    start();
+    startBus();
     const Storage first = connect();
     const pid_t served = host();
     // An operation was under way while a host was gone when more kills had
@@ -252,7 +228,7 @@ TEST_P(LoadTest, SharedAndUnsharedClientsGiveTheSameResults) {
         const pid_t before = host();
         ++killed;
         killHost();
-        waitFor([&] { return host() > 0 && host() != before; });
+        waitFor([&] { return bus_->ownerOf(Testing::storagePackage).value_or(before) != before; });
         ++replaced;
     }
     for (std::thread& worker : workers) worker.join();

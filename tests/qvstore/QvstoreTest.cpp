@@ -13,9 +13,8 @@
 #include <tuple>
 #include <vector>
 
-#include "ServiceIdentity.h"
 #include "Support/LoopbackSocket.h"
-#include "Support/PrivateBus.h"
+#include "Support/StorageServiceBus.h"
 #include "Support/ChildProcess.h"
 
 namespace {
@@ -42,7 +41,7 @@ void expectFailure(const ProgramRun& run, int exitStatus, const std::string& lin
     EXPECT_EQ(std::count(run.errors.begin(), run.errors.end(), '\n'), 1) << run.errors;
 }
 
-class Qvstore : public testing::Test {
+class Qvstore : public testing::Test, protected Quorvendale::Testing::StorageServiceBus {
 protected:
     ProgramRun qvstore(std::vector<std::string> arguments, const std::string& input = {},
                        const std::string& program = QVSTORE_PATH) const {
@@ -53,7 +52,6 @@ protected:
     }
 
     const Quorvendale::Testing::TemporaryFolder folder_;
-    std::optional<Quorvendale::Testing::PrivateBus> bus_;
 };
 
 TEST_F(Qvstore, HelpAndVersionPrintAndSucceed) {
@@ -195,18 +193,9 @@ TEST_F(Qvstore, InputTheServiceWouldChangeIsRefused) {
     }
 }
 
-constexpr const char* storagePackage = Quorvendale::ServiceIdentity::packageFamilyName.data();
-
 class QvstoreSession : public Qvstore {
 protected:
-    QvstoreSession() {
-        std::filesystem::copy(QV_BUILD_SERVICE_FILE, services.path());
-        bus_.emplace(services.path());
-    }
-    ~QvstoreSession() override { bus_.reset(); }  // before the folders it uses go
-
-    const Quorvendale::Testing::PackageFolder data;  // the hosts' data home
-    const Quorvendale::Testing::TemporaryFolder services;
+    QvstoreSession() { startBus(); }
     const std::string group = "qvstore-session-" + std::to_string(::getpid());
 };
 
@@ -214,8 +203,7 @@ TEST_F(QvstoreSession, EveryCommandAgainstTheLocalService) {
     expectRun(qvstore({"exists"}), 0, "");
     expectRun(qvstore({"write", group, "greeting"}, "hello\nworld"), 0, "");
     expectRun(qvstore({"read", group, "greeting"}), 0, "hello\nworld");
-    EXPECT_EQ(Quorvendale::Testing::contentOf(data.localState(storagePackage) / group / "greeting"),
-              "hello\r\nworld");
+    EXPECT_EQ(Quorvendale::Testing::contentOf(localState() / group / "greeting"), "hello\r\nworld");
     expectRun(qvstore({"write", group, "second", "2"}), 0, "");
 
     // The store's own order: take it from the walk, then check next against it.
@@ -253,7 +241,7 @@ TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
     expectRun(qvstore({"list", group}), 0, "");
 
     // A key that names a folder cannot be written as a file.
-    std::filesystem::create_directories(data.localState(storagePackage) / group / "folder");
+    std::filesystem::create_directories(localState() / group / "folder");
     expectFailure(qvstore({"write", group, "folder", "v"}), 4,
                   "write " + group + " folder: Write file error");
 
@@ -275,8 +263,7 @@ TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
 
 // Before anything was started, the bus forgets a service file that is gone.
 TEST_F(QvstoreSession, WithoutItsServiceFileTheServiceIsNotInstalled) {
-    std::filesystem::remove(services.path() /
-                            std::filesystem::path(QV_BUILD_SERVICE_FILE).filename());
+    std::filesystem::remove(serviceFile());
     expectFailure(qvstore({"read", "g", "k"}), 3,
                   "read g k: the storage service cannot be reached: it is not installed: no D-Bus "
                   "service file provides it (AppNotInstalled)\n");

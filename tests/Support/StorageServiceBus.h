@@ -1,0 +1,45 @@
+// The storage service as the tests that start real hosts reach it: the build
+// tree's service file in a services folder, a private bus that starts hosts
+// from it, and a fresh data home those hosts inherit. A base of test
+// fixtures; the target defines QV_BUILD_SERVICE_FILE.
+#pragma once
+
+#include <fstream>
+
+#include "ServiceIdentity.h"
+#include "Support/PrivateBus.h"
+
+namespace Quorvendale::Testing {
+
+inline constexpr const char* storagePackage = ServiceIdentity::packageFamilyName.data();
+
+class StorageServiceBus {
+protected:
+    std::filesystem::path serviceFile() const {
+        return services_.path() / (std::string(storagePackage) + ".service");
+    }
+    // Host options given here follow the file's own, which they override.
+    void install(const std::string& hostArguments = {}) const {
+        std::string file = contentOf(QV_BUILD_SERVICE_FILE);
+        file.insert(file.find_last_not_of('\n') + 1, hostArguments);
+        std::ofstream(serviceFile()) << file;
+    }
+    void startBus(const std::string& hostArguments = {}) {
+        install(hostArguments);
+        bus_.emplace(services_.path());
+    }
+    std::filesystem::path localState() const { return package_.localState(storagePackage); }
+    // The test ends here when no host owns the name: the signals meant for
+    // the host must never go to pid -1, every process this one may signal.
+    pid_t host() const {
+        const auto owner = bus_->ownerOf(storagePackage);
+        if (!owner) throw std::runtime_error("no host owns the storage service's name");
+        return *owner;
+    }
+
+    const PackageFolder package_;
+    const TemporaryFolder services_;
+    std::optional<PrivateBus> bus_;  // last, so that it ends before the folders go
+};
+
+}  // namespace Quorvendale::Testing
