@@ -27,6 +27,10 @@ grep -qF "Exec=\"$prefix/bin/quorvendale-apphost\" " "$service" &&
     fail "the installed host does not find its libraries"
 [ -e "$prefix/lib/quorvendale/libQuorvendalePlatform.so" ] && [ ! -e "$prefix/lib/libQuorvendalePlatform.so" ] ||
     fail "the platform library is not in its private folder alone"
+# The installed qvstore loads the library installed with it, not the build tree's.
+loaded=$(LD_DEBUG=files "$prefix/bin/qvstore" --remote 127.0.0.1:1 exists 2>&1 >/dev/null || true)
+grep -qF "file=$prefix/lib/libQuorvendaleStorageClient.so.1 " <<<"$loaded" ||
+    fail "the installed qvstore does not load the library installed with it"
 
 PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags quorvendale | grep -q -- "-I$prefix/lib/pkgconfig/../../include" ||
     fail "pkg-config gives no include folder"
