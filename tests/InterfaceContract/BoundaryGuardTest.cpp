@@ -42,7 +42,6 @@ TEST(BoundaryGuard, TranslatesEachKindInCatchOrder) {
         EXPECT_EQ(guard(c.raise), c.code) << c.name;
         EXPECT_EQ(threadMessage(), c.message) << c.name;
     }
-    // Success leaves the previous failure's message.
     guard(cases[0].raise);
     EXPECT_EQ(guard([] {}), QV_S_OK);
     EXPECT_EQ(threadMessage(), cases[0].message);

@@ -15,7 +15,6 @@ namespace {
 
 using Server = Testing::LoopbackServer;
 
-// A blocking socket connected to `server`.
 std::unique_ptr<Socket> connectedTo(const Server& server) {
     auto socket = std::make_unique<Socket>(InterNetwork, socketTypeStream, protocolTcp);
     if (!socket->connect(IPAddress(Testing::loopback), server.port(), 3000)) {
@@ -56,7 +55,6 @@ TEST(SocketTest, ReceiveTimeOutIsTimedOutOnBlockingSocketsOnly) {
     socket->setReceiveTimeout(100);
     EXPECT_EQ(socket->receiveAll(buffer, sizeof buffer), WSAETIMEDOUT);
     EXPECT_FALSE(socket->connected());
-    // A socket no longer connected transfers nothing and reports 0.
     EXPECT_EQ(socket->sendAll("data", 4), 0);
 }
 

@@ -45,8 +45,6 @@ com_ptr<IActivationFactory> factoryOf(const hstring& classId, HRESULT expected =
     return com_ptr<IActivationFactory>::attach(factory);
 }
 
-// Only the service class is activated, and each live factory or service
-// keeps the library loaded.
 TEST(StorageService, ActivationAndLiveObjectsPinTheLibrary) {
     for (const hstring& other : {hstring(std::u16string(serviceClass) + u"X"), hstring()}) {
         factoryOf(other, CLASS_E_CLASSNOTAVAILABLE);
@@ -65,8 +63,7 @@ TEST(StorageService, ActivationAndLiveObjectsPinTheLibrary) {
     EXPECT_EQ(library().canUnloadNow(), S_OK);
 }
 
-// A cancelled task ends, and the service still answers its open connection;
-// once the connection ends, every object of the library goes.
+// Once the connection ends, every object of the library goes.
 TEST(StorageService, ACancelledTaskEndsAndStillAnswersItsOpenConnection) {
     const Testing::PackageFolder package;
     int ends[2];

@@ -65,7 +65,6 @@ TEST_F(StorageTest, MissingEntries) {
     EXPECT_TRUE(std::filesystem::is_directory(folder_.path() / "g"));
     store_.remove("g", "k");
 
-    // An unset alias reads as empty but cannot be written or removed.
     EXPECT_EQ(store_.read("g", "default"), "");
     const std::string aliasError =
         "Read file error: file " + utf8(entryPath("g", ".default")) + " is not exist";
@@ -163,7 +162,6 @@ TEST_F(StorageTest, GroupFolders) {
     EXPECT_TRUE(store_.getKeys("g").empty());
     EXPECT_TRUE(std::filesystem::is_directory(folder_.path() / "g"));
 
-    // Only the last level is made.
     EXPECT_EQ(errorOf([&] { store_.write("a/b", "k", "v"); }), "Write file error");
     EXPECT_EQ(errorOf([&] { store_.getKeys("a/b"); }), "Failed to open folder: a/b");
     store_.write("a", "k", "v");

@@ -24,7 +24,6 @@ std::uint32_t countOf(I* object) {
     return object->table->release(object);
 }
 
-// Expects `operation` to throw Error with `code`, and returns its text.
 std::string errorOf(const std::function<void()>& operation, ResultCode code) {
     try {
         operation();

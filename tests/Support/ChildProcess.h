@@ -24,6 +24,17 @@ extern char** environ;
 
 namespace Quorvendale::Testing {
 
+// The waitpid status of a child once it has ended within the limit.
+inline std::optional<int> exitStatusWithin(pid_t process, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    do {
+        int status = 0;
+        if (::waitpid(process, &status, WNOHANG) == process) return status;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    } while (std::chrono::steady_clock::now() < deadline);
+    return std::nullopt;
+}
+
 class ChildProcess {
 public:
     // `actions` set up the program's descriptors. A cross build's programs
@@ -60,17 +71,8 @@ public:
 
     pid_t pid() const { return pid_; }
 
-    // The waitpid status once the program has ended within the limit.
     std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(60)) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!status_ && std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                status_ = status;
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            }
-        }
+        if (!status_) status_ = exitStatusWithin(pid_, limit);
         return status_;
     }
 

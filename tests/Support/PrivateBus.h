@@ -96,19 +96,11 @@ public:
     }
 
     // The waitpid status of a process the bus started, once it has ended.
-    static std::optional<int> exitStatusOf(
-        pid_t process, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        do {
-            int status = 0;
-            if (::waitpid(process, &status, WNOHANG) == process) return status;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        } while (std::chrono::steady_clock::now() < deadline);
-        return std::nullopt;
+    static std::optional<int> exitStatusOf(pid_t process) {
+        return exitStatusWithin(process, std::chrono::seconds(20));
     }
 
 private:
-    // Calls a method of the daemon with one string argument or none.
     template <class Read>
     void askTheBus(const char* method, const char* argument, Read read) const {
         sd_bus* bus = nullptr;

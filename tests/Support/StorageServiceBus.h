@@ -37,8 +37,8 @@ protected:
         return *owner;
     }
 
-    const PackageFolder package_;
-    const TemporaryFolder services_;
+    PackageFolder package_;
+    TemporaryFolder services_;
     std::optional<PrivateBus> bus_;  // last, so that it ends before the folders go
 };
 

@@ -39,7 +39,6 @@ using Status = AppServiceConnectionStatus;
 using Testing::storagePackage;
 constexpr const char* storageAppService = Quorvendale::ServiceIdentity::appServiceName.data();
 
-// The connection and the status of its Open.
 std::pair<AppServiceConnection, Status> open(const std::string& package = storagePackage,
                                              const std::string& appService = storageAppService) {
     AppServiceConnection connection;
@@ -125,7 +124,6 @@ TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
     // The host that refused those still serves.
     EXPECT_EQ(ask(openStorage(), ValueSet()), success);
 
-    // An opened connection opens once.
     const AppServiceConnection open = openStorage();
     EXPECT_THROW(await(open.OpenAsync()), HResultError);
 
@@ -297,14 +295,11 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
     EXPECT_EQ(ask(connection, "write", "g/..", "k", "inside too"), success);
 }
 
-// A malformed or lying peer, and an Open of the wrong shape, end only their
-// own connection or call.
 TEST_F(AppServiceHostTest, GarbageOnOneSocketEndsOnlyThatConnection) {
     startBus();
     const AppServiceConnection connection = openStorage();
-    // Each lie ends its own connection only. A whole frame of unknown kind:
-    // the host reads every byte of it before it hangs up, so the hang-up
-    // reads as an end, not a reset.
+    // A whole frame of unknown kind: the host reads every byte of it before
+    // it hangs up, so the hang-up reads as an end, not a reset.
     const std::string lies[] = {
         std::string("\x08\x00\x00\x00\x09garbage", 12),
         std::string("\x01\x00\x00\x05", 4),                    // over the limit

@@ -210,12 +210,10 @@ TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
                   "import " + group + ": refused: entry \"b\": the value holds byte 0x1A");
     expectRun(qvstore({"list", group}), 0, "");
 
-    // A key that names a folder cannot be written as a file.
     std::filesystem::create_directories(localState() / group / "folder");
     expectFailure(qvstore({"write", group, "folder", "v"}), 4,
                   "write " + group + " folder: Write file error");
 
-    // export then import into another group gives the same entries back, exactly.
     const std::vector<std::pair<std::string, std::string>> entries = {
         {"utf-8", "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x8E\xB5"},
         {"lines", "one\ntwo\n"},
