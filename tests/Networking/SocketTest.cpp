@@ -7,7 +7,6 @@
 #include "Networking/NetworkException.h"
 #include "Networking/Socket.h"
 #include "Networking/SocketError.h"
-#include "Networking/TcpClient.h"
 #include "Support/LoopbackServer.h"
 
 namespace Quorvendale::Networking {
@@ -78,22 +77,6 @@ TEST(SocketTest, RefusedConnectReturnsFalse) {
     EXPECT_FALSE(socket.connect(IPAddress(Testing::loopback), bound.port, 3000));
     EXPECT_FALSE(socket.connected());
     Testing::closeSocket(bound.handle);
-}
-
-// The refusal of every host text is the remote client's tests'. Only it is
-// thrown by value: a handler of NetworkException by reference sees it and not
-// the pointer thrown for a null host.
-TEST(TcpClientTest, NoHostTextParsesAndNoSocketIsMade) {
-    TcpClient client;
-    EXPECT_THROW(client.connect("localhost", 80, 3000), NetworkException);
-    EXPECT_EQ(client.socket(), nullptr);
-    try {
-        client.connect(nullptr, 80, 3000);
-        ADD_FAILURE();
-    } catch (NetworkException* e) {
-        EXPECT_STREQ(e->what(), "hostname is null");
-        delete e;
-    }
 }
 
 }  // namespace

@@ -127,10 +127,7 @@ TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
     const AppServiceConnection open = openStorage();
     EXPECT_THROW(await(open.OpenAsync()), HResultError);
 
-    {
-        Testing::ScopedEnvironment noBus("DBUS_SESSION_BUS_ADDRESS",
-                                         ("unix:path=" + (folder / "no-bus").string()).c_str());
-        EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+    {  // a bus address that leads nowhere is qvstore's tests'
         Testing::ScopedEnvironment noAddress("DBUS_SESSION_BUS_ADDRESS", nullptr);
         Testing::ScopedEnvironment noRuntimeFolder("XDG_RUNTIME_DIR", nullptr);
         EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
