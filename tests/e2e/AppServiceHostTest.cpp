@@ -12,7 +12,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 #include "AppServiceHost.h"
 #include "ServiceIdentity.h"

@@ -1,10 +1,7 @@
-// A stand-in storage service for the local client's tests, in a library of
-// its own that the real host activates (--entry-point Test.ScriptedService)
-// in place of the storage service. It answers each request as the table in
-// replyTo says for its key, so that tests can make the replies a real store
-// never gives, and logs "<connection> <command> <key>" for every request to
-// requests.log in its LocalState, the connection being the activation's
-// number in this host, so that tests can count what the service received.
+// A stand-in storage service that the real host activates in place of the
+// real one (--entry-point Test.ScriptedService): it answers each key as
+// replyTo's table says, with replies no real store gives, and logs
+// "<connection> <command> <key>" to requests.log in its LocalState.
 #include <atomic>
 #include <fstream>
 #include <mutex>

@@ -1,8 +1,5 @@
-// qvstore as its users run it: the built program in a process of its own,
-// loading the built library, with its exit status, standard output and
-// standard error checked. Qvstore's runs name a bus address where nothing
-// listens; QvstoreSession's reach the real storage service that a private
-// bus starts from the build tree's service file.
+// The built qvstore as its users run it. Qvstore's runs name a bus where
+// nothing listens; QvstoreSession's reach the real service on a private bus.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -67,9 +64,8 @@ TEST_F(Qvstore, HelpAndVersionPrintAndSucceed) {
     }
 }
 
-// Usage errors and input the local service would store changed exit 2
-// before the library is even loaded (no bus is needed to see them): a usage
-// error with a hint on a second line, a refusal on one line.
+// Usage errors (a hint on a second line) and refused input (one line) exit 2
+// before the library is even loaded.
 TEST_F(Qvstore, UsageErrorsAndRefusedInputExitTwo) {
     const std::string hint = "\nTry 'qvstore --help' for more information.\n";
     const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
@@ -109,11 +105,9 @@ TEST_F(Qvstore, UsageErrorsAndRefusedInputExitTwo) {
     }
 }
 
-// The remote client refuses every address before it connects: each command
-// ends with exit status 3 and the client's text, and the server is never
-// called. Options may come after the command, and "--" ends them. Without
-// DATA, write takes all of standard input, any bytes, before it calls the
-// client; every other command leaves standard input alone.
+// The remote client refuses every address before it connects: exit 3 with
+// its text. Options may follow the command, "--" ends them; only write
+// without DATA reads standard input, all of it, before it calls the client.
 TEST_F(Qvstore, RemoteFailuresExitThreeWithTheClientsText) {
     const auto listener = Quorvendale::Testing::listenOnLoopback(8);
     const std::string address = "127.0.0.1:" + std::to_string(listener.port);
@@ -140,8 +134,7 @@ TEST_F(Qvstore, RemoteFailuresExitThreeWithTheClientsText) {
     Quorvendale::Testing::closeSocket(listener.handle);
 }
 
-// A library that does not load exits 4 and names the file. The installed
-// qvstore's preference for the library installed with it is installed-tree.sh's.
+// A library that does not load exits 4 and names the file.
 TEST_F(Qvstore, ALibraryThatDoesNotLoadExitsFour) {
     const std::string library = (folder_ / "libnone.so").string();
     expectFailure(qvstore({"--library", library, "exists"}), 4,
