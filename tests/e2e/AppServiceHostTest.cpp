@@ -1,6 +1,5 @@
-// The storage service in the real host, started by a private bus from the
-// build tree's service file; this process talks to it through
-// AppServiceConnection, as any client does.
+// The storage service in the real host that a private bus starts, reached
+// through AppServiceConnection as any client reaches it.
 #include <gtest/gtest.h>
 #include <linux/landlock.h>
 #include <sys/resource.h>
@@ -137,10 +136,9 @@ TEST_F(AppServiceHostTest, EveryWayAnOpenFailsIsAStatusInBoundedTime) {
     EXPECT_EQ(openStatus(storagePackage), Status::Unknown);
 }
 
-// A host stopped with a request pending, then killed or told to end: the
-// request is answered or fails, never left waiting (killed, it fails); every
-// connection hears of the end; SIGTERM ends the host with status 0; the
-// next Open starts a new host.
+// A host stopped with a request pending, then killed or told to end: nothing
+// is left waiting, every connection hears of the end, and the next Open
+// starts a new host.
 TEST_F(AppServiceHostTest, AHostEndedMidRequestLeavesNothingWaiting) {
     startBus();
     for (const int signal : {SIGKILL, SIGTERM}) {
@@ -201,8 +199,7 @@ TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOn
     startBus();
     const AppServiceConnection normal = openStorage();
     ASSERT_EQ(ask(normal, "write", "g", "large", std::string(128 << 10, 'x')), success);
-    // More reads of the large value than the host has threads, none of their
-    // answers read.
+    // More reads of the large value than the host has threads, none read.
     const Testing::RawAppServiceClient attacker(bus_->address(), storagePackage, storageAppService);
     for (std::uint64_t id = 1; id <= 100; ++id) {
         ASSERT_TRUE(attacker.sendRequest(id, request({{u"command", "read"}, {u"group", "g"},

@@ -1,6 +1,5 @@
-// The local client through the public C++ header, against the real host that
-// a private bus starts, serving the storage service or, for replies no real
-// store gives, the scripted service of ScriptedService.cpp.
+// The local client through Client.hpp, against the real host that a private
+// bus starts, serving the storage service or the scripted one.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -152,10 +151,9 @@ TEST_F(LocalStorageClientTest, WithTheServiceGoneOperationsFailAndExistsSaysNoOn
     EXPECT_TRUE(storage.exists());
 }
 
-// Eight threads on their own keys, reading missing keys now and then, with
-// a client each or sharing one, and with the host killed twice or not. Every
-// operation succeeds or fails for its own reason (a missing key) unless it
-// was under way while the host was gone, and every value reads back.
+// Eight threads on their own keys, reading missing keys now and then: every
+// operation succeeds or fails for its own reason unless it was under way
+// while a host was gone, and every value reads back.
 struct Load {
     bool shared;
     int kills;
