@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "Platform/Foundation/HResultError.h"
-#include "Platform/Foundation/IInspectable.h"
+#include "Platform/Foundation/RuntimeObject.h"
 
 namespace Quorvendale::Platform {
 

@@ -1,4 +1,4 @@
-#include "Platform/Foundation/IInspectable.h"
+#include "Platform/Foundation/RuntimeObject.h"
 
 namespace Quorvendale::Platform {
 
