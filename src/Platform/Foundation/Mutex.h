@@ -20,7 +20,6 @@
 #define QV_EXCLUDES(...) QV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define QV_ACQUIRE(...) QV_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define QV_RELEASE(...) QV_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define QV_ACQUIRED_BEFORE(...) QV_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 
 namespace Quorvendale::Platform {
 
