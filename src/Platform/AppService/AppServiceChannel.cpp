@@ -5,26 +5,26 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
-#include <thread>
 
+#include "Platform/AppService/ChannelLoop.h"
 #include "Platform/AppService/ConnectionObject.h"
+#include "Platform/AppService/FrameMemory.h"
 #include "Platform/AppService/IncomingRequest.h"
-#include "Platform/AppService/OutgoingPump.h"
+#include "Platform/AppService/RequestScheduler.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
 namespace Quorvendale::Platform::Details {
 namespace {
 
-// A frame body is received in steps that grow with what has arrived, so a
-// peer that announces a large frame and sends little makes us allocate
-// little, and a real large frame costs few reallocations.
-constexpr std::size_t firstReadStep = 64 * 1024;
+// What one turn of the loop receives from one peer at most: a small frame
+// whole, a large one in slices, so that a peer sending 64 MiB does not keep
+// the others waiting while it arrives.
+constexpr std::size_t sliceSize = 256 * 1024;
 
 AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSet()}; }
 
-std::uint64_t nextPumpId() {
+std::uint64_t nextChannelId() {
     static std::atomic<std::uint64_t> last{0};
     return ++last;
 }
@@ -39,12 +39,19 @@ void logLine(const std::string& text) {
 
 AppServiceChannel::AppServiceChannel(Posix::FileDescriptor socket,
                                      std::weak_ptr<ConnectionObject> owner) noexcept
-    : socket_(std::move(socket)), owner_(std::move(owner)), pumpId_(nextPumpId()) {}
+    : socket_(std::move(socket)), owner_(std::move(owner)), id_(nextChannelId()) {}
+
+AppServiceChannel::~AppServiceChannel() {
+    ChannelLoop::instance().forget(socket_.get());
+    forgetPartialFrame();
+    MutexLock lock(mutex_);
+    FrameMemory::release(queuedBytes_);
+}
 
 std::shared_ptr<AppServiceChannel> AppServiceChannel::open(Posix::FileDescriptor socket,
                                                            std::weak_ptr<ConnectionObject> owner) {
     auto channel = std::make_shared<AppServiceChannel>(std::move(socket), std::move(owner));
-    std::thread([channel] { channel->readFrames(); }).detach();
+    ChannelLoop::instance().add(channel);
     return channel;
 }
 
@@ -72,21 +79,24 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
 
 bool AppServiceChannel::write(std::string frame, bool isAnswer) {
     std::size_t answersSent = 0;
+    bool queued = false;
     bool sent = false;
     {
-        MutexLock lock(writeMutex_);
-        if (!writable_) return false;
-        if (outgoing_.empty()) lastProgress_ = std::chrono::steady_clock::now();
+        MutexLock lock(mutex_);
+        if (closed_ || peerGone_) return false;
+        if (outgoing_.empty()) lastSent_ = std::chrono::steady_clock::now();
         queuedBytes_ += frame.size();
+        FrameMemory::add(frame.size());
         outgoing_.push_back({std::move(frame), isAnswer});
-        // Behind other frames, it waits for the pump, which is watching:
+        // Behind other frames, it waits for the loop, which is watching:
         // sending here would put its bytes before theirs.
         if (outgoing_.size() > 1) return true;
+        // The writer may hold a request's lock: the loop ends the connection.
         sent = sendQueued(answersSent);
-        if (sent) watchOrForget();
+        peerGone_ = !sent;
+        queued = !outgoing_.empty();
     }
-    answersLeft(answersSent);
-    if (!sent) dropQueue();
+    afterSending(answersSent, queued);
     return sent;
 }
 
@@ -94,13 +104,15 @@ void AppServiceChannel::flush() {
     std::size_t answersSent = 0;
     bool sent = false;
     {
-        MutexLock lock(writeMutex_);
-        if (!writable_) return;
+        MutexLock lock(mutex_);
+        if (closed_) return;
         sent = sendQueued(answersSent);
-        if (sent) watchOrForget();
     }
-    answersLeft(answersSent);
-    if (!sent) dropQueue();
+    if (!sent) {
+        close(true);
+        return;
+    }
+    afterSending(answersSent, false);
 }
 
 // Sends from the queue until it is empty or the socket is full; false when
@@ -115,10 +127,11 @@ bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
             [&] { return ::send(socket_.get(), rest, restSize, MSG_NOSIGNAL | MSG_DONTWAIT); });
         if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
         if (count <= 0) return false;
-        lastProgress_ = std::chrono::steady_clock::now();
+        lastSent_ = std::chrono::steady_clock::now();
         sentOfFirst_ += static_cast<std::size_t>(count);
         if (sentOfFirst_ < frame.size()) continue;
         queuedBytes_ -= frame.size();
+        FrameMemory::release(frame.size());
         if (outgoing_.front().isAnswer) ++answersSent;
         outgoing_.pop_front();
         sentOfFirst_ = 0;
@@ -126,40 +139,54 @@ bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
     return true;
 }
 
-void AppServiceChannel::watchOrForget() {
-    if (outgoing_.empty()) {
-        if (watched_) OutgoingPump::instance().forget(pumpId_, socket_.get());
-        watched_ = false;
-    } else if (watched_) {
-        OutgoingPump::instance().rearm(pumpId_, socket_.get());
-    } else {
-        watched_ = true;
-        OutgoingPump::instance().watch(pumpId_, socket_.get(), weak_from_this());
+// Answers that left make room for more requests, and a queue that began or
+// emptied changes what the loop watches. The loop is told only then, so a
+// frame that leaves whole at once costs it nothing.
+void AppServiceChannel::afterSending(std::size_t answersSent, bool queued) {
+    bool reconsider = queued;
+    {
+        MutexLock lock(mutex_);
+        reconsider = reconsider || peerGone_;
+        if (answersSent > 0) {
+            reconsider = reconsider || inFlight_ >= maximumRequestsInFlight || outgoing_.empty();
+            inFlight_ -= std::min(answersSent, inFlight_);
+        }
     }
+    if (reconsider) ChannelLoop::instance().reconsider(id_);
 }
 
-// The peer is gone or cut off: what it has not taken is freed now, and the
-// reader is woken to see the end of the stream.
+// What the peer has not taken is freed now; the peer sees the end of the stream.
 void AppServiceChannel::dropQueue() {
-    decltype(outgoing_) dropped;
-    {
-        MutexLock lock(writeMutex_);
-        writable_ = false;
-        dropped.swap(outgoing_);
-        queuedBytes_ = 0;
-        sentOfFirst_ = 0;
-        if (watched_) OutgoingPump::instance().forget(pumpId_, socket_.get());
-        watched_ = false;
-    }
+    FrameMemory::release(queuedBytes_);
+    outgoing_.clear();
+    queuedBytes_ = 0;
+    sentOfFirst_ = 0;
     ::shutdown(socket_.get(), SHUT_RDWR);
 }
 
-void AppServiceChannel::closeIfStalled() {
+AppServiceChannel::Interest AppServiceChannel::interest() const {
+    MutexLock lock(mutex_);
+    if (closed_) return {.ended = true};
+    if (peerGone_) return {.peerGone = true};
+    return {.read = inFlight_ < maximumRequestsInFlight && !waitingForMemory_,
+            .write = !outgoing_.empty(),
+            .waitingForMemory = waitingForMemory_};
+}
+
+void AppServiceChannel::closeIfStalled(bool othersWaitForMemory) {
+    const auto now = std::chrono::steady_clock::now();
+    if (othersWaitForMemory && incoming_.reserved > 0 &&
+        now - incoming_.lastProgress >= stalledPeerLimit) {
+        logLine("closing an app-service connection whose peer stopped sending in the middle of "
+                "a frame (" + std::to_string(incoming_.received >> 10) +
+                " KiB held for it while others wait)");
+        close(true);
+        return;
+    }
     std::size_t unread = 0;
     {
-        MutexLock lock(writeMutex_);
-        if (!writable_ || queuedBytes_ <= maximumUnreadBytes ||
-            std::chrono::steady_clock::now() - lastProgress_ < stalledPeerLimit) {
+        MutexLock lock(mutex_);
+        if (closed_ || queuedBytes_ <= maximumUnreadBytes || now - lastSent_ < stalledPeerLimit) {
             return;
         }
         unread = queuedBytes_;
@@ -168,13 +195,6 @@ void AppServiceChannel::closeIfStalled() {
             std::to_string(unread >> 10) + " KiB waiting for it for " +
             std::to_string(stalledPeerLimit.count()) + " s)");
     close(true);
-}
-
-void AppServiceChannel::answersLeft(std::size_t count) {
-    if (count == 0) return;
-    MutexLock lock(mutex_);
-    inFlight_ -= std::min(count, inFlight_);
-    room_.notify_one();
 }
 
 bool AppServiceChannel::ended() const {
@@ -195,15 +215,16 @@ void AppServiceChannel::whenEnded(std::function<void()> handler) {
 
 void AppServiceChannel::close(bool byPeer) {
     decltype(waiting_) waiting;
+    decltype(unserved_) unserved;  // requests not yet started are dropped unheard
     {
         MutexLock lock(mutex_);
         if (closed_) return;
         closed_ = true;
         waiting.swap(waiting_);
+        unserved.swap(unserved_);
+        dropQueue();
     }
-    room_.notify_all();
-    // Also wakes the reader, which sees the end of the stream.
-    dropQueue();
+    ChannelLoop::instance().reconsider(id_);
     for (auto& [requestId, completion] : waiting) completion.Complete(failed());
     ThreadPool::submit([self = shared_from_this(), byPeer] { self->raiseEnd(byPeer); });
 }
@@ -223,55 +244,98 @@ void AppServiceChannel::raiseEnd(bool byPeer) {
     ended_.clear();
 }
 
-void AppServiceChannel::readFrames() {
-    for (;;) {
-        {
-            MutexLock lock(mutex_);
-            while (!closed_ && inFlight_ >= maximumRequestsInFlight) room_.wait(lock.forWaiting());
-            if (closed_) break;
+void AppServiceChannel::readSome() {
+    waitingForMemory_ = false;  // memory may have come free: it asks again
+    if (!interest().read) return;
+    std::size_t budget = sliceSize;
+    switch (receive(budget)) {
+        case Received::Ended:
+            close(true);
+            break;
+        case Received::Waiting:
+            break;
+        case Received::Frame: {
+            std::optional<AppServiceFrame> frame;
+            try {
+                frame = AppServiceFrame::decode({incoming_.body.get(), incoming_.bodySize});
+            } catch (const MalformedFrame&) {
+            } catch (const std::bad_alloc&) {
+            }
+            forgetPartialFrame();
+            if (frame) {
+                dispatch(std::move(*frame));
+            } else {
+                close(true);
+            }
+            break;
         }
-        auto frame = readFrame();
-        if (!frame) break;
-        dispatch(std::move(*frame));
-    }
-    close(true);
-}
-
-std::optional<AppServiceFrame> AppServiceChannel::readFrame() {
-    try {
-        std::string length(AppServiceFrame::lengthSize, '\0');
-        if (!readExactly(length.data(), length.size())) return std::nullopt;
-        const std::size_t bodyLength = AppServiceFrame::bodyLength(length);
-        std::string body;
-        while (body.size() < bodyLength) {
-            const std::size_t step =
-                std::min(bodyLength - body.size(), std::max(firstReadStep, body.size()));
-            body.resize(body.size() + step);
-            if (!readExactly(body.data() + body.size() - step, step)) return std::nullopt;
-        }
-        return AppServiceFrame::decode(body);
-    } catch (const MalformedFrame&) {
-        return std::nullopt;
-    } catch (const std::bad_alloc&) {
-        return std::nullopt;
     }
 }
 
-bool AppServiceChannel::readExactly(char* into, std::size_t size) {
-    while (size > 0) {
-        const ssize_t count =
-            Posix::retryInterrupted([&] { return ::recv(socket_.get(), into, size, 0); });
-        if (count <= 0) return false;
-        into += count;
-        size -= static_cast<std::size_t>(count);
+// Receives into the frame on its way until it is whole, the socket has no
+// more, or this turn's budget is spent.
+AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
+    PartialFrame& frame = incoming_;
+    if (frame.lengthReceived < AppServiceFrame::lengthSize) {
+        std::size_t received = 0;
+        if (!receiveInto(frame.length + frame.lengthReceived,
+                         AppServiceFrame::lengthSize - frame.lengthReceived, received)) {
+            return Received::Ended;
+        }
+        frame.lengthReceived += received;
+        if (frame.lengthReceived < AppServiceFrame::lengthSize) return Received::Waiting;
+        try {
+            frame.bodySize = AppServiceFrame::bodyLength({frame.length, sizeof frame.length});
+            // Not filled: pages the peer never sends are never touched.
+            frame.body = std::make_unique_for_overwrite<char[]>(frame.bodySize);
+        } catch (const MalformedFrame&) {
+            return Received::Ended;
+        } catch (const std::bad_alloc&) {
+            return Received::Ended;
+        }
+        frame.lastProgress = std::chrono::steady_clock::now();
     }
+    while (frame.received < frame.bodySize && budget > 0) {
+        const std::size_t step = std::min({frame.bodySize - frame.received, sliceSize, budget});
+        if (frame.received + step > frame.reserved) {
+            const std::size_t more = frame.received + step - frame.reserved;
+            if (!FrameMemory::tryReserve(more)) {
+                waitingForMemory_ = true;
+                return Received::Waiting;
+            }
+            frame.reserved += more;
+        }
+        std::size_t received = 0;
+        if (!receiveInto(frame.body.get() + frame.received, step, received)) return Received::Ended;
+        if (received == 0) return Received::Waiting;
+        frame.received += received;
+        frame.lastProgress = std::chrono::steady_clock::now();
+        budget -= std::min(budget, received);
+    }
+    return frame.received == frame.bodySize ? Received::Frame : Received::Waiting;
+}
+
+// False at the end of the stream or on an error; `received` is 0 when the
+// socket has nothing now.
+bool AppServiceChannel::receiveInto(char* into, std::size_t size, std::size_t& received) {
+    const ssize_t count = Posix::retryInterrupted(
+        [&] { return ::recv(socket_.get(), into, size, MSG_DONTWAIT); });
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+    if (count <= 0) return false;
+    received = static_cast<std::size_t>(count);
     return true;
+}
+
+void AppServiceChannel::forgetPartialFrame() {
+    FrameMemory::release(incoming_.reserved);
+    incoming_ = PartialFrame{};
+    waitingForMemory_ = false;
 }
 
 void AppServiceChannel::dispatch(AppServiceFrame&& frame) {
     switch (frame.kind) {
         case AppServiceFrame::Kind::Request:
-            raiseRequest(frame.requestId, std::move(frame.message));
+            queueRequest(frame.requestId, std::move(frame.message));
             break;
         case AppServiceFrame::Kind::Response:
             answer(frame.requestId, {AppServiceResponseStatus::Success, std::move(frame.message)});
@@ -282,22 +346,39 @@ void AppServiceChannel::dispatch(AppServiceFrame&& frame) {
     }
 }
 
-void AppServiceChannel::raiseRequest(std::uint64_t requestId, ValueSet message) {
-    {
-        MutexLock lock(mutex_);
-        ++inFlight_;
-    }
+void AppServiceChannel::queueRequest(std::uint64_t requestId, ValueSet message) {
     auto request =
         std::make_shared<IncomingRequest>(shared_from_this(), requestId, std::move(message));
-    ThreadPool::submit([self = shared_from_this(), request] {
-        // A request whose connection ended before its turn is dropped unheard.
-        const auto owner = self->ended() ? nullptr : self->owner_.lock();
-        if (owner) {
-            owner->requestReceived(AppServiceConnection(owner),
-                                   AppServiceRequestReceivedEventArgs(request));
-        }
-        request->release();
-    });
+    bool schedule = false;
+    {
+        MutexLock lock(mutex_);
+        if (closed_) return;
+        ++inFlight_;
+        unserved_.push_back(std::move(request));
+        schedule = !std::exchange(scheduled_, true);
+    }
+    RequestScheduler::add(shared_from_this(), schedule);
+}
+
+std::shared_ptr<IncomingRequest> AppServiceChannel::takeRequest(bool& more) {
+    MutexLock lock(mutex_);
+    std::shared_ptr<IncomingRequest> request;
+    if (!unserved_.empty()) {
+        request = std::move(unserved_.front());
+        unserved_.pop_front();
+    }
+    more = !unserved_.empty();
+    scheduled_ = more;
+    return request;
+}
+
+void AppServiceChannel::serve(const std::shared_ptr<IncomingRequest>& request) {
+    // A request whose connection ended since it was taken is dropped unheard.
+    if (const auto owner = ended() ? nullptr : owner_.lock()) {
+        owner->requestReceived(AppServiceConnection(owner),
+                               AppServiceRequestReceivedEventArgs(request));
+    }
+    request->release();
 }
 
 // An answer for a request no longer waiting (one already failed by close, or

@@ -1,18 +1,18 @@
 // AppServiceChannel: the machinery of an open AppServiceConnection. It is the
-// socket, its reader thread, the requests waiting for answers, the requests
-// being answered and the frames waiting to leave. The reader thread keeps the
-// channel in memory until it has seen the stream end; the channel reaches its
-// owner only through a weak reference, to raise events with it as sender.
+// socket, the frame being received, the requests waiting for answers, the
+// requests received and not yet served, and the frames waiting to leave. The
+// process's ChannelLoop reads and sends for it; the channel reaches its owner
+// only through a weak reference, to raise events with it as sender.
 //
-// No thread waits on the peer to send: a frame goes out as far as the socket
-// takes it at once, and the rest waits in the channel's queue, which the
-// OutgoingPump sends as the peer reads. A peer that has stopped reading is
-// cut off (maximumUnreadBytes), and one that asks faster than it is answered
-// is read no further until answers have left (maximumRequestsInFlight).
+// No thread waits on a peer: a frame goes out as far as the socket takes it
+// at once, and the rest waits in the channel's queue, which the loop sends as
+// the peer reads. A peer that has stopped reading is cut off
+// (maximumUnreadBytes), and one that asks faster than it is answered is read
+// no further until answers have left (maximumRequestsInFlight). Requests are
+// served in turn with other connections' (RequestScheduler).
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -28,6 +28,7 @@
 namespace Quorvendale::Platform::Details {
 
 class ConnectionObject;
+struct IncomingRequest;
 
 class AppServiceChannel : public std::enable_shared_from_this<AppServiceChannel> {
 public:
@@ -44,9 +45,19 @@ public:
     // then push back on the sender, and one connection's work stays bounded.
     static constexpr std::size_t maximumRequestsInFlight = 32;
 
-    AppServiceChannel(Posix::FileDescriptor socket, std::weak_ptr<ConnectionObject> owner) noexcept;
+    // What the loop watches the socket for.
+    struct Interest {
+        bool ended = false;
+        bool peerGone = false;  // a send failed: the loop closes the channel
+        bool read = false;
+        bool write = false;
+        bool waitingForMemory = false;
+    };
 
-    // Starts the reader thread, which owns the channel until the stream ends.
+    AppServiceChannel(Posix::FileDescriptor socket, std::weak_ptr<ConnectionObject> owner) noexcept;
+    ~AppServiceChannel();
+
+    // Hands the socket to the process's ChannelLoop.
     static std::shared_ptr<AppServiceChannel> open(Posix::FileDescriptor socket,
                                                    std::weak_ptr<ConnectionObject> owner);
 
@@ -61,51 +72,78 @@ public:
     void close(bool byPeer);
     bool ended() const;
 
-    // For the OutgoingPump: sends what the socket takes now.
+    std::uint64_t id() const noexcept { return id_; }
+    int socket() const noexcept { return socket_.get(); }
+
+    // For the ChannelLoop, on its thread.
+    Interest interest() const;
+    // Receives what has arrived, up to one frame or a slice of a large one.
+    void readSome();
+    // Sends what the socket takes now.
     void flush();
-    // Ends the connection if its peer has stopped reading.
-    void closeIfStalled();
+    // Ends the connection if its peer has stopped reading, or has stopped
+    // sending in the middle of a frame while others wait for frame memory.
+    void closeIfStalled(bool othersWaitForMemory);
+    void forgetPartialFrame();
+
+    // For the RequestScheduler: the oldest request not yet served, and
+    // whether more wait after it.
+    std::shared_ptr<IncomingRequest> takeRequest(bool& more);
+    void serve(const std::shared_ptr<IncomingRequest>& request);
 
 private:
     struct Outgoing {
         std::string frame;
         bool isAnswer;
     };
+    // A frame on its way in: its length, then its body, received into a
+    // buffer made once the length is known and checked. Its bytes are taken
+    // from FrameMemory as they arrive, so a peer that announces a large frame
+    // and sends little holds little.
+    struct PartialFrame {
+        char length[AppServiceFrame::lengthSize] = {};
+        std::size_t lengthReceived = 0;
+        std::unique_ptr<char[]> body;
+        std::size_t bodySize = 0;
+        std::size_t received = 0;
+        std::size_t reserved = 0;
+        std::chrono::steady_clock::time_point lastProgress;
+    };
 
-    bool sendQueued(std::size_t& answersSent) QV_REQUIRES(writeMutex_);
-    void watchOrForget() QV_REQUIRES(writeMutex_);
-    void dropQueue() QV_EXCLUDES(writeMutex_);
-    void answersLeft(std::size_t count);
-    void readFrames();
-    std::optional<AppServiceFrame> readFrame();
-    bool readExactly(char* into, std::size_t size);
+    bool sendQueued(std::size_t& answersSent) QV_REQUIRES(mutex_);
+    void afterSending(std::size_t answersSent, bool queued);
+    void dropQueue() QV_REQUIRES(mutex_);
+    enum class Received { Frame, Waiting, Ended };
+    Received receive(std::size_t& budget);
+    bool receiveInto(char* into, std::size_t size, std::size_t& received);
     void dispatch(AppServiceFrame&& frame);
-    void raiseRequest(std::uint64_t requestId, ValueSet message);
+    void queueRequest(std::uint64_t requestId, ValueSet message);
     void raiseEnd(bool byPeer);
     void answer(std::uint64_t requestId, AppServiceResponse response);
 
     const Posix::FileDescriptor socket_;
     const std::weak_ptr<ConnectionObject> owner_;
-    const std::uint64_t pumpId_;
-    // Keeps each frame's bytes together on the socket and in order. An answer
-    // is written with its IncomingRequest's lock held; under this one only
-    // the OutgoingPump's lock is taken.
-    Mutex writeMutex_;
-    std::deque<Outgoing> outgoing_ QV_GUARDED_BY(writeMutex_);
-    std::size_t sentOfFirst_ QV_GUARDED_BY(writeMutex_) = 0;
-    std::size_t queuedBytes_ QV_GUARDED_BY(writeMutex_) = 0;
-    // When the peer last took bytes, or when the queue last became non-empty.
-    std::chrono::steady_clock::time_point lastProgress_ QV_GUARDED_BY(writeMutex_);
-    bool writable_ QV_GUARDED_BY(writeMutex_) = true;
-    bool watched_ QV_GUARDED_BY(writeMutex_) = false;
-    // Taken alone, never with writeMutex_: a request is registered under it,
-    // and written after it is let go.
+    const std::uint64_t id_;
+
+    // The loop thread's own.
+    PartialFrame incoming_;
+    bool waitingForMemory_ = false;
+
+    // Taken after an IncomingRequest's lock, before the RequestScheduler's
+    // is let go, and never with another channel's. Frames are written under
+    // it, so their bytes stay together on the socket and in order.
     mutable Mutex mutex_;
     bool closed_ QV_GUARDED_BY(mutex_) = false;
-    // Requests received and not yet answered on the socket; the reader waits
-    // on room_ while there are maximumRequestsInFlight of them.
+    bool peerGone_ QV_GUARDED_BY(mutex_) = false;
+    std::deque<Outgoing> outgoing_ QV_GUARDED_BY(mutex_);
+    std::size_t sentOfFirst_ QV_GUARDED_BY(mutex_) = 0;
+    std::size_t queuedBytes_ QV_GUARDED_BY(mutex_) = 0;
+    // When the peer last took bytes, or when the queue last became non-empty.
+    std::chrono::steady_clock::time_point lastSent_ QV_GUARDED_BY(mutex_);
+    // Requests received and not yet answered on the socket.
     std::size_t inFlight_ QV_GUARDED_BY(mutex_) = 0;
-    std::condition_variable room_;
+    std::deque<std::shared_ptr<IncomingRequest>> unserved_ QV_GUARDED_BY(mutex_);
+    bool scheduled_ QV_GUARDED_BY(mutex_) = false;
     std::uint64_t lastRequestId_ QV_GUARDED_BY(mutex_) = 0;
     std::map<std::uint64_t, AsyncCompletion<AppServiceResponse>> waiting_ QV_GUARDED_BY(mutex_);
     event<> ended_;

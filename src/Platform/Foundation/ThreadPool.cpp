@@ -1,6 +1,7 @@
 #include "Platform/Foundation/ThreadPool.h"
 
 #include <condition_variable>
+#include <algorithm>
 #include <deque>
 #include <thread>
 
@@ -9,14 +10,20 @@
 namespace Quorvendale::Platform {
 namespace {
 
-constexpr unsigned maximumThreads = 64;
+// Threads follow the machine: enough per core that handlers blocked on a
+// slow disk leave others running, few enough that a burst of work does not
+// become a burst of threads. Jobs past them wait their turn.
+unsigned maximumThreads() {
+    static const unsigned threads = std::max(16u, 8 * std::thread::hardware_concurrency());
+    return threads;
+}
 
 class Pool {
 public:
     void submit(std::function<void()> job) {
         MutexLock lock(mutex_);
         jobs_.push_back(std::move(job));
-        if (idle_ < jobs_.size() && threads_ < maximumThreads) {
+        if (idle_ < jobs_.size() && threads_ < maximumThreads()) {
             ++threads_;
             std::thread([this] { work(); }).detach();
         } else {

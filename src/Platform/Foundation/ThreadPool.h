@@ -1,7 +1,8 @@
 // The runtime's thread pool: events are raised and asynchronous work runs on
 // it. It starts threads as work arrives and keeps them; a job that blocks
-// never stalls the others, because a job that finds no idle thread starts a
-// new one (up to a fixed ceiling, after which jobs wait their turn).
+// stalls the others only once every thread is busy, because a job that finds
+// no idle thread starts a new one (up to a ceiling that follows the number of
+// cores, after which jobs wait their turn).
 #pragma once
 
 #include <functional>

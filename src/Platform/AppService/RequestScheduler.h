@@ -1,0 +1,22 @@
+// RequestScheduler: serves the requests of all connections in turn. Each
+// connection with requests waiting has one place in a line; the pool thread
+// at the front serves that connection's oldest request and sends it to the
+// back of the line if more wait. One connection with many requests in
+// flight thus adds at most one request's time per turn to another's wait,
+// however many it has queued.
+#pragma once
+
+#include <memory>
+
+namespace Quorvendale::Platform::Details {
+
+class AppServiceChannel;
+
+class RequestScheduler {
+public:
+    // The channel has one request more to serve; joinsTheLine when it had
+    // none waiting before, so that it has no place in the line yet.
+    static void add(const std::shared_ptr<AppServiceChannel>& channel, bool joinsTheLine);
+};
+
+}  // namespace Quorvendale::Platform::Details
