@@ -26,7 +26,9 @@ public:
     // library's. A connection takes one; past its soft RLIMIT_NOFILE less
     // this margin, the host refuses Open rather than fail to answer it.
     static constexpr std::size_t descriptorMargin = 128;
-    // Each connection has a reader thread of its own.
+    // A connection costs no thread, but a descriptor and the kernel's
+    // buffers of its socket pair: past this many, the host refuses rather
+    // than let the kernel's memory for it grow without end.
     static constexpr std::size_t maximumConnections = 8192;
 
     // Takes over the bus connection.
