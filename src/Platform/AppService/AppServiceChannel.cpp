@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <thread>
 
 #include "Platform/AppService/ChannelLoop.h"
 #include "Platform/AppService/ConnectionObject.h"
@@ -21,6 +22,14 @@ namespace {
 // whole, a large one in slices, so that a peer sending 64 MiB does not keep
 // the others waiting while it arrives.
 constexpr std::size_t sliceSize = 256 * 1024;
+
+// Requests of one connection that run at once: one per core. More would only
+// take cores from other connections' requests; a handler that waits takes a
+// deferral and returns, and does not count.
+std::size_t maximumRunning() {
+    static const std::size_t running = std::max(2u, std::thread::hardware_concurrency());
+    return running;
+}
 
 AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSet()}; }
 
@@ -363,13 +372,20 @@ void AppServiceChannel::queueRequest(std::uint64_t requestId, ValueSet message) 
 std::shared_ptr<IncomingRequest> AppServiceChannel::takeRequest(bool& more) {
     MutexLock lock(mutex_);
     std::shared_ptr<IncomingRequest> request;
-    if (!unserved_.empty()) {
+    if (!unserved_.empty() && running_ < maximumRunning()) {
         request = std::move(unserved_.front());
         unserved_.pop_front();
+        ++running_;
     }
-    more = !unserved_.empty();
+    more = !unserved_.empty() && running_ < maximumRunning();
     scheduled_ = more;
     return request;
+}
+
+bool AppServiceChannel::finishedServing() {
+    MutexLock lock(mutex_);
+    --running_;
+    return !unserved_.empty() && !std::exchange(scheduled_, true);
 }
 
 void AppServiceChannel::serve(const std::shared_ptr<IncomingRequest>& request) {

@@ -86,10 +86,14 @@ public:
     void closeIfStalled(bool othersWaitForMemory);
     void forgetPartialFrame();
 
-    // For the RequestScheduler: the oldest request not yet served, and
-    // whether more wait after it.
+    // For the RequestScheduler: the oldest request not yet served, if the
+    // channel is not at its limit of running requests, and whether another
+    // may run after it.
     std::shared_ptr<IncomingRequest> takeRequest(bool& more);
     void serve(const std::shared_ptr<IncomingRequest>& request);
+    // True when requests wait that the limit held back: the channel must
+    // rejoin the scheduler's line.
+    bool finishedServing();
 
 private:
     struct Outgoing {
@@ -143,6 +147,8 @@ private:
     // Requests received and not yet answered on the socket.
     std::size_t inFlight_ QV_GUARDED_BY(mutex_) = 0;
     std::deque<std::shared_ptr<IncomingRequest>> unserved_ QV_GUARDED_BY(mutex_);
+    std::size_t running_ QV_GUARDED_BY(mutex_) = 0;
+    // In the scheduler's line.
     bool scheduled_ QV_GUARDED_BY(mutex_) = false;
     std::uint64_t lastRequestId_ QV_GUARDED_BY(mutex_) = 0;
     std::map<std::uint64_t, AsyncCompletion<AppServiceResponse>> waiting_ QV_GUARDED_BY(mutex_);

@@ -22,23 +22,28 @@ Line& line() {
     return *instance;
 }
 
-// One job per request added, each serving one request at most: a channel
-// closed with requests unserved leaves jobs that find nothing, never a
-// request without a job.
+// One job per request added; each serves the first request in the line that
+// may run now, and a connection that stops being at its limit of running
+// requests rejoins the line with a job of its own. So every request that may
+// run has a job, and a closed connection leaves at most jobs that find
+// nothing.
 void serveNext() {
     Line& waiting = line();
     std::shared_ptr<AppServiceChannel> channel;
     std::shared_ptr<IncomingRequest> request;
     {
         MutexLock lock(waiting.mutex);
-        if (waiting.channels.empty()) return;
-        channel = std::move(waiting.channels.front());
-        waiting.channels.pop_front();
-        bool more = false;
-        request = channel->takeRequest(more);
-        if (more) waiting.channels.push_back(channel);
+        while (!request && !waiting.channels.empty()) {
+            channel = std::move(waiting.channels.front());
+            waiting.channels.pop_front();
+            bool more = false;
+            request = channel->takeRequest(more);
+            if (more) waiting.channels.push_back(channel);
+        }
     }
-    if (request) channel->serve(request);
+    if (!request) return;
+    channel->serve(request);
+    if (channel->finishedServing()) RequestScheduler::add(channel, true);
 }
 
 }  // namespace
