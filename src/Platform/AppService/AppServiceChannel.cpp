@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <thread>
 
 #include "Platform/AppService/ChannelLoop.h"
@@ -257,7 +258,13 @@ void AppServiceChannel::readSome() {
     waitingForMemory_ = false;  // memory may have come free: it asks again
     if (!interest().read) return;
     std::size_t budget = sliceSize;
-    switch (receive(budget)) {
+    Received received = Received::Ended;
+    try {
+        received = receive(budget);
+    } catch (const MalformedFrame&) {  // a length over the limit
+    } catch (const std::bad_alloc&) {
+    }
+    switch (received) {
         case Received::Ended:
             close(true);
             break;
@@ -293,15 +300,9 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
         }
         frame.lengthReceived += received;
         if (frame.lengthReceived < AppServiceFrame::lengthSize) return Received::Waiting;
-        try {
-            frame.bodySize = AppServiceFrame::bodyLength({frame.length, sizeof frame.length});
-            // Not filled: pages the peer never sends are never touched.
-            frame.body = std::make_unique_for_overwrite<char[]>(frame.bodySize);
-        } catch (const MalformedFrame&) {
-            return Received::Ended;
-        } catch (const std::bad_alloc&) {
-            return Received::Ended;
-        }
+        frame.bodySize = AppServiceFrame::bodyLength({frame.length, sizeof frame.length});
+        frame.capacity = std::min(frame.bodySize, sliceSize);
+        frame.body = std::make_unique_for_overwrite<char[]>(frame.capacity);
         frame.lastProgress = std::chrono::steady_clock::now();
     }
     while (frame.received < frame.bodySize && budget > 0) {
@@ -313,6 +314,14 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
                 return Received::Waiting;
             }
             frame.reserved += more;
+        }
+        if (frame.received + step > frame.capacity) {
+            // The peer has sent more than a slice: it means it, and the body
+            // gets its whole size, not filled, once.
+            auto whole = std::make_unique_for_overwrite<char[]>(frame.bodySize);
+            std::memcpy(whole.get(), frame.body.get(), frame.received);
+            frame.body = std::move(whole);
+            frame.capacity = frame.bodySize;
         }
         std::size_t received = 0;
         if (!receiveInto(frame.body.get() + frame.received, step, received)) return Received::Ended;
@@ -382,10 +391,12 @@ std::shared_ptr<IncomingRequest> AppServiceChannel::takeRequest(bool& more) {
     return request;
 }
 
-bool AppServiceChannel::finishedServing() {
+bool AppServiceChannel::finishedServing(bool& joinsTheLine) {
     MutexLock lock(mutex_);
     --running_;
-    return !unserved_.empty() && !std::exchange(scheduled_, true);
+    if (unserved_.empty()) return false;
+    joinsTheLine = !std::exchange(scheduled_, true);
+    return true;
 }
 
 void AppServiceChannel::serve(const std::shared_ptr<IncomingRequest>& request) {

@@ -91,24 +91,26 @@ public:
     // may run after it.
     std::shared_ptr<IncomingRequest> takeRequest(bool& more);
     void serve(const std::shared_ptr<IncomingRequest>& request);
-    // True when requests wait that the limit held back: the channel must
-    // rejoin the scheduler's line.
-    bool finishedServing();
+    // True when requests wait, one of which may now run: it needs a job,
+    // and the channel rejoins the scheduler's line if it had left it.
+    bool finishedServing(bool& joinsTheLine);
 
 private:
     struct Outgoing {
         std::string frame;
         bool isAnswer;
     };
-    // A frame on its way in: its length, then its body, received into a
-    // buffer made once the length is known and checked. Its bytes are taken
-    // from FrameMemory as they arrive, so a peer that announces a large frame
-    // and sends little holds little.
+    // A frame on its way in: its length, then its body. The body's buffer
+    // holds a slice at first and its whole size once more has come, so a
+    // peer that announces a large frame and sends little holds little, and a
+    // large frame is copied once at most. Its bytes are taken from
+    // FrameMemory as they arrive.
     struct PartialFrame {
         char length[AppServiceFrame::lengthSize] = {};
         std::size_t lengthReceived = 0;
         std::unique_ptr<char[]> body;
         std::size_t bodySize = 0;
+        std::size_t capacity = 0;
         std::size_t received = 0;
         std::size_t reserved = 0;
         std::chrono::steady_clock::time_point lastProgress;

@@ -171,8 +171,13 @@ void ChannelLoop::serve(std::uint64_t id, std::uint32_t events) {
     const auto found = watched_.find(id);
     if (found == watched_.end()) return;
     if (const auto channel = found->second.channel.lock()) {
-        if (events & EPOLLOUT) channel->flush();
-        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->readSome();
+        try {
+            if (events & EPOLLOUT) channel->flush();
+            if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->readSome();
+        } catch (...) {
+            // The loop outlives whatever a completion handler it ran did
+            // wrong, and whatever memory a request could not get.
+        }
     }
     update(id);
 }
@@ -184,8 +189,7 @@ void ChannelLoop::resumeWaitingForMemory() {
         const auto found = watched_.find(id);
         if (found == watched_.end()) continue;
         found->second.waitingForMemory = false;
-        if (const auto channel = found->second.channel.lock()) channel->readSome();
-        update(id);
+        serve(id, EPOLLIN);
     }
 }
 

@@ -22,11 +22,12 @@ Line& line() {
     return *instance;
 }
 
-// One job per request added; each serves the first request in the line that
-// may run now, and a connection that stops being at its limit of running
-// requests rejoins the line with a job of its own. So every request that may
-// run has a job, and a closed connection leaves at most jobs that find
-// nothing.
+// A job is added for each request received and each request that ends
+// while others of its connection wait; each job serves the first request in
+// the line that may run now. A job that finds only connections at their
+// limit leaves them out of the line: the end of one of their requests
+// brings them back with a job. So whatever may run has a job; extra jobs
+// (those of a closed connection's dropped requests) find nothing.
 void serveNext() {
     Line& waiting = line();
     std::shared_ptr<AppServiceChannel> channel;
@@ -43,7 +44,8 @@ void serveNext() {
     }
     if (!request) return;
     channel->serve(request);
-    if (channel->finishedServing()) RequestScheduler::add(channel, true);
+    bool joinsTheLine = false;
+    if (channel->finishedServing(joinsTheLine)) RequestScheduler::add(channel, joinsTheLine);
 }
 
 }  // namespace
