@@ -148,8 +148,10 @@ int main(int argc, char** argv) {
         peak.stop();
         report("beside a slow reader (100 x 256K)", sorted, idle, before, peak, footprint(host));
         std::printf("  slow reader cut off: %s\n", cut ? "yes" : "no");
+        // Against an idle p99 of at least a millisecond: below that, the p99 of
+        // a few hundred reads is one preemption by another process.
         Bench::reportRatio("AppServiceFairnessBench", "p99-beside-a-slow-reader",
-                           at(sorted, 0.99) / at(idle, 0.99), 3);
+                           at(sorted, 0.99) / std::max(at(idle, 0.99), 1.0), 3);
     }
     {
         const auto before = footprint(host);
