@@ -14,6 +14,7 @@
 #include "Platform/AppService/AppServiceConnection.h"
 
 #include "BareTransfer.h"
+#include "BenchmarkRatio.h"
 #include "MedianReporter.h"
 
 namespace {
@@ -73,7 +74,7 @@ BENCHMARK(valueSetRoundTrip)->Name("AppServiceConnection 100-byte ValueSet reque
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
+    Bench::initialize(&argc, argv);
     Bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const double raw = reporter.time("socketpair 100-byte round trip (raw)");
@@ -81,5 +82,6 @@ int main(int argc, char** argv) {
     if (raw > 0 && request > 0) {
         std::printf("ValueSet request / raw round trip: %.2fx (target <= 3x)\n", request / raw);
     }
+    Bench::reportRatio("AppServiceConnectionBenchmark", "request", raw > 0 ? request / raw : 0, 3);
     benchmark::Shutdown();
 }

@@ -1,11 +1,18 @@
-// A 100-byte write and read through IStorage on a local client, end to end
-// (worker thread, app-service request to the host on a private bus, the
-// store's file work), beside the ideal made of the same steps done with bare
-// calls in the same run:
+// A local client's write and read through IStorage, end to end (worker
+// thread, app-service request to the host on a private bus, the store's file
+// work), beside the ideal made of the same steps done with bare calls in the
+// same run. For a 100-byte value:
 //
 //   ideal = one thread create and join
 //         + one 100-byte round trip over a socketpair to another process
 //         + one 100-byte file overwrite (or read)
+//
+// For the 64 KiB and 1 MiB values, where the bytes' own cost is all that
+// counts:
+//
+//   ideal = the file overwrite (or read) of the value
+//         + the value as UTF-16 (twice its bytes) sent to another process
+//           over a socketpair and back
 //
 // Then eight threads at once, each writing and reading back a key of its
 // own, on one client they share against a client each: the operations per
@@ -29,11 +36,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <thread>
+#include <vector>
 
 #include "ServiceIdentity.h"
 #include "LocalStorageBench.h"
@@ -41,6 +51,7 @@
 #include "Support/PrivateBus.h"
 
 #include "BareTransfer.h"
+#include "BenchmarkRatio.h"
 #include "MedianReporter.h"
 
 namespace {
@@ -56,18 +67,50 @@ std::optional<Client::Storage> storage;
 std::filesystem::path fileFolder;
 int echoSocket = -1;
 
-// The other process of the bare round trip, forked before any thread.
+// The sizes of the large values, and the largest message of a bare round
+// trip: a length, then the largest value as UTF-16.
+constexpr std::size_t largeSizes[] = {64 << 10, 1 << 20};
+constexpr std::size_t largestMessage = 8 + 2 * (std::size_t{1} << 20);
+
+// n bytes of text.
+const std::string& valueOf(std::size_t bytes) {
+    static std::map<std::size_t, std::string> values;
+    auto [value, added] = values.try_emplace(bytes);
+    if (added) value->second.assign(bytes, 'v');
+    return value->second;
+}
+
+std::string sizeName(std::size_t bytes) {
+    if (bytes >= (1 << 20)) return std::to_string(bytes >> 20) + " MiB";
+    if (bytes >= (1 << 10)) return std::to_string(bytes >> 10) + " KiB";
+    return std::to_string(bytes) + " B";
+}
+
+// The other process of the bare round trips, forked before any thread:
+// answers each message (a 64-bit length, then that many bytes) with the whole
+// message once it has all of it, as a service answers a whole request.
 pid_t startEcho() {
     int ends[2];
     ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
     const pid_t echo = ::fork();
     if (echo == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        char bytes[Bench::payloadBytes];
-        while (transfer(ends[1], bytes, sizeof bytes, true) &&
-               transfer(ends[1], bytes, sizeof bytes, false)) {
+        std::vector<char> message(largestMessage);
+        for (;;) {
+            std::size_t have = 0, size = largestMessage;
+            while (have < size) {
+                const ssize_t count = ::read(ends[1], message.data() + have, size - have);
+                if (count <= 0) ::_exit(0);
+                have += static_cast<std::size_t>(count);
+                if (size == largestMessage && have >= 8) {
+                    std::uint64_t length = 0;
+                    std::memcpy(&length, message.data(), 8);
+                    if (length > largestMessage - 8) ::_exit(1);
+                    size = 8 + length;
+                }
+            }
+            if (!transfer(ends[1], message.data(), size, false)) ::_exit(0);
         }
-        ::_exit(0);
     }
     ::close(ends[1]);
     echoSocket = ends[0];
@@ -78,41 +121,55 @@ void threadCreateAndJoin(benchmark::State& state) {
     for (auto _ : state) std::thread([] {}).join();
 }
 
-void roundTripToAnotherProcess(benchmark::State& state) {
-    char bytes[Bench::payloadBytes] = {};
+void roundTripToAnotherProcess(benchmark::State& state, std::size_t bytes) {
+    std::vector<char> message(8 + bytes, 'v');
+    const std::uint64_t length = bytes;
+    std::memcpy(message.data(), &length, 8);
     for (auto _ : state) {
-        transfer(echoSocket, bytes, sizeof bytes, false);
-        transfer(echoSocket, bytes, sizeof bytes, true);
+        transfer(echoSocket, message.data(), message.size(), false);
+        transfer(echoSocket, message.data(), message.size(), true);
     }
 }
 
-void fileOverwrite(benchmark::State& state) {
-    const std::string path = (fileFolder / "raw").string();
+void fileOverwrite(benchmark::State& state, std::size_t bytes) {
+    const std::string path = (fileFolder / ("raw" + std::to_string(bytes))).string();
+    const std::string& value = valueOf(bytes);
     for (auto _ : state) {
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        transfer(fd, const_cast<char*>(payload().data()), payload().size(), false);
+        transfer(fd, const_cast<char*>(value.data()), value.size(), false);
         ::close(fd);
     }
 }
 
-void fileRead(benchmark::State& state) {
-    const std::string path = (fileFolder / "raw").string();
-    std::ofstream(path) << payload();
-    char bytes[4096];
+// Into a buffer made once: the floor, with none of the allocation the store
+// needs for each value.
+void fileRead(benchmark::State& state, std::size_t bytes) {
+    const std::string path = (fileFolder / ("raw" + std::to_string(bytes))).string();
+    std::ofstream(path) << valueOf(bytes);
+    std::vector<char> buffer(bytes + 4096);
     for (auto _ : state) {
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        benchmark::DoNotOptimize(::read(fd, bytes, sizeof bytes));
+        benchmark::DoNotOptimize(::read(fd, buffer.data(), buffer.size()));
         ::close(fd);
     }
 }
 
-void localWrite(benchmark::State& state) {
-    for (auto _ : state) storage->write("bench", "value", payload());
+std::string keyOf(std::size_t bytes) { return "value" + std::to_string(bytes); }
+
+void localWrite(benchmark::State& state, std::size_t bytes) {
+    const std::string key = keyOf(bytes);
+    for (auto _ : state) storage->write("bench", key, valueOf(bytes));
 }
 
-void localRead(benchmark::State& state) {
-    storage->write("bench", "value", payload());
-    for (auto _ : state) benchmark::DoNotOptimize(storage->read("bench", "value"));
+void localRead(benchmark::State& state, std::size_t bytes) {
+    const std::string key = keyOf(bytes);
+    storage->write("bench", key, valueOf(bytes));
+    for (auto _ : state) {
+        if (storage->read("bench", key).size() != bytes) {
+            state.SkipWithError("the value read back is not the one written");
+            break;
+        }
+    }
 }
 
 // Run on eight threads: a write and a read of the thread's own key per
@@ -195,11 +252,35 @@ void redisCase(benchmark::State& state, bool writing) {
     }
 }
 
-void printRatio(Bench::MedianReporter& reporter, const char* operation, const char* local,
-                double ideal, const char* redis, const char* sqlite) {
+// The names of a size's cases.
+struct Names {
+    explicit Names(std::size_t bytes)
+        : size(sizeName(bytes)),
+          overwrite(size + " file overwrite"),
+          read(size + " file read"),
+          roundTrip(sizeName(bytes <= Bench::payloadBytes ? bytes : 2 * bytes) +
+                    " round trip to another process"),
+          localWrite("local client " + size + " write"),
+          localRead("local client " + size + " read") {}
+    std::string size, overwrite, read, roundTrip, localWrite, localRead;
+};
+
+// One operation's figures against its ideal, and the line the test command
+// checks; a 0 for a side that did not run.
+void printRatio(Bench::MedianReporter& reporter, const std::string& operation,
+                const std::string& local, double ideal, double target) {
     const double localTime = reporter.time(local);
-    std::printf("\n%s: ideal %.1f us, local client %.1f us: %.2fx the ideal (target <= 1.25x)\n",
-                operation, ideal / 1000, localTime / 1000, localTime / ideal);
+    const double ratio = ideal > 0 ? localTime / ideal : 0;
+    std::printf("\n%s: ideal %.1f us, local client %.1f us: %.2fx the ideal (target <= %.2fx)\n",
+                operation.c_str(), ideal / 1000, localTime / 1000, ratio, target);
+    std::string what = operation;
+    for (char& c : what) c = c == ' ' ? '-' : c;
+    Bench::reportRatio("LocalStorageBench", what, ratio, target);
+}
+
+void printOthers(Bench::MedianReporter& reporter, const std::string& local, const char* redis,
+                 const char* sqlite) {
+    const double localTime = reporter.time(local);
     for (const char* other : {redis, sqlite}) {
         if (const double time = reporter.time(other); time > 0) {
             std::printf("  %s: %.1f us (the local client takes %.2fx its time)\n", other,
@@ -213,7 +294,7 @@ void printRatio(Bench::MedianReporter& reporter, const char* operation, const ch
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
+    Bench::initialize(&argc, argv);
     Testing::TemporaryFolder data;
     Testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().c_str());
     fileFolder = data.path();
@@ -232,13 +313,18 @@ int main(int argc, char** argv) {
     }
 
     benchmark::RegisterBenchmark("thread create and join", threadCreateAndJoin)->UseRealTime();
-    benchmark::RegisterBenchmark("100-byte round trip to another process",
-                                 roundTripToAnotherProcess)
-        ->UseRealTime();
-    benchmark::RegisterBenchmark("100-byte file overwrite", fileOverwrite)->UseRealTime();
-    benchmark::RegisterBenchmark("100-byte file read", fileRead)->UseRealTime();
-    benchmark::RegisterBenchmark("local client write", localWrite)->UseRealTime();
-    benchmark::RegisterBenchmark("local client read", localRead)->UseRealTime();
+    std::vector<std::size_t> sizes = {Bench::payloadBytes};
+    sizes.insert(sizes.end(), std::begin(largeSizes), std::end(largeSizes));
+    for (const std::size_t bytes : sizes) {
+        const Names names(bytes);
+        const std::size_t sent = bytes <= Bench::payloadBytes ? bytes : 2 * bytes;
+        benchmark::RegisterBenchmark(names.roundTrip.c_str(), roundTripToAnotherProcess, sent)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(names.overwrite.c_str(), fileOverwrite, bytes)->UseRealTime();
+        benchmark::RegisterBenchmark(names.read.c_str(), fileRead, bytes)->UseRealTime();
+        benchmark::RegisterBenchmark(names.localWrite.c_str(), localWrite, bytes)->UseRealTime();
+        benchmark::RegisterBenchmark(names.localRead.c_str(), localRead, bytes)->UseRealTime();
+    }
     for (const bool shared : {true, false}) {
         benchmark::RegisterBenchmark(shared ? "8 threads, one client" : "8 threads, a client each",
                                      localEightThreads, shared)
@@ -251,12 +337,22 @@ int main(int argc, char** argv) {
     Bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
-    const double common = reporter.time("thread create and join") +
-                          reporter.time("100-byte round trip to another process");
-    printRatio(reporter, "write", "local client write",
-               common + reporter.time("100-byte file overwrite"), "redis SET", "sqlite replace");
-    printRatio(reporter, "read", "local client read", common + reporter.time("100-byte file read"),
-               "redis GET", "sqlite select");
+    const Names small(Bench::payloadBytes);
+    const double common = reporter.time("thread create and join") + reporter.time(small.roundTrip);
+    printRatio(reporter, "write " + small.size, small.localWrite,
+               common + reporter.time(small.overwrite), 1.15);
+    printOthers(reporter, small.localWrite, "redis SET", "sqlite replace");
+    printRatio(reporter, "read " + small.size, small.localRead, common + reporter.time(small.read),
+               1.2);
+    printOthers(reporter, small.localRead, "redis GET", "sqlite select");
+    for (const std::size_t bytes : largeSizes) {
+        const Names names(bytes);
+        const double roundTrip = reporter.time(names.roundTrip);
+        printRatio(reporter, "write " + names.size, names.localWrite,
+                   roundTrip + reporter.time(names.overwrite), 3);
+        printRatio(reporter, "read " + names.size, names.localRead,
+                   roundTrip + reporter.time(names.read), 3);
+    }
 
     // Real time per iteration of all threads together: two operations.
     const double shared = reporter.time("8 threads, one client");

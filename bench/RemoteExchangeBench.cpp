@@ -22,6 +22,7 @@
 #include "StorageClient/RemoteStorageClient.h"
 #include "Support/LoopbackServer.h"
 
+#include "BenchmarkRatio.h"
 #include "MedianReporter.h"
 
 namespace {
@@ -125,11 +126,7 @@ BENCHMARK(RemoteExchange)->MinTime(0.2)->Repetitions(5);
 int main(int argc, char** argv) {
     // Repetitions of the two run interleaved, so that both meet the same
     // conditions (every exchange leaves a connection in TIME_WAIT).
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string interleave = "--benchmark_enable_random_interleaving=true";
-    arguments.insert(arguments.begin() + 1, interleave.data());
-    int count = static_cast<int>(arguments.size());
-    benchmark::Initialize(&count, arguments.data());
+    Bench::initialize(&argc, argv, {"--benchmark_enable_random_interleaving=true"});
     Server running;
     server = &running;
     Bench::MedianReporter reporter;
@@ -141,6 +138,7 @@ int main(int argc, char** argv) {
             "median per exchange: raw %.1f us, remote %.1f us; ratio %.2fx (target <= 1.30x)\n",
             raw / 1000, remote / 1000, remote / raw);
     }
+    Bench::reportRatio("RemoteExchangeBench", "exchange", raw > 0 ? remote / raw : 0, 1.3);
     benchmark::Shutdown();
     return 0;
 }
