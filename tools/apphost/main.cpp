@@ -82,13 +82,14 @@ void ignoreFatalSignals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-// Large buffers (values, frames) get pages of their own, handed back when
-// they are freed. Left to itself, the allocator raises both thresholds after
-// the first large free, and from then on keeps a burst's worth of memory in
-// the heaps of the threads that served it; fixed values stop that.
-void returnLargeBuffers() {
-    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-    ::mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
+// Large buffers (values, frames) come from the heap and go back to it when
+// freed, so the next request finds their pages already there: fresh pages
+// cost more than the copies into them. The host's trim timer hands what is
+// free back to the system once a second, so a burst's memory does not
+// stay. Only frames near the largest size get pages of their own.
+void keepLargeBuffersUntilTrimmed() {
+    ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    ::mallopt(M_TRIM_THRESHOLD, 256 << 20);
 }
 
 // A connection costs a descriptor: the host takes all the system lets it.
@@ -105,7 +106,7 @@ int main(int argc, char** argv) {
     blockTerminationSignals();
     ignoreFatalSignals();
     raiseDescriptorLimit();
-    returnLargeBuffers();
+    keepLargeBuffersUntilTrimmed();
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     switch (parsed.outcome) {
         case ParseOutcome::Help:

@@ -1,5 +1,8 @@
 #include "Platform/AppService/AppServiceFrame.h"
 
+#include <bit>
+#include <cstring>
+
 namespace Quorvendale::Platform {
 namespace {
 
@@ -7,9 +10,12 @@ void putUnsigned(std::string& out, std::uint64_t value, std::size_t bytes) {
     for (std::size_t i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
 }
 
-void putText(std::string& out, const hstring& text) {
+// Code units are little-endian on the wire, as in memory here: a string goes
+// out in one copy.
+void putText(std::string& out, std::u16string_view text) {
+    static_assert(std::endian::native == std::endian::little);
     putUnsigned(out, text.size(), 4);
-    for (char16_t unit : std::u16string_view(text)) putUnsigned(out, unit, 2);
+    out.append(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(char16_t));
 }
 
 void putValue(std::string& out, const com_ptr<IInspectable>& value) {
@@ -25,6 +31,27 @@ void putValue(std::string& out, const com_ptr<IInspectable>& value) {
             putText(out, unbox_value<hstring>(value));
             break;
     }
+}
+
+std::size_t textSize(std::size_t units) { return 4 + units * sizeof(char16_t); }
+
+// What the body will take, so that it is allocated once.
+std::size_t bodySize(const ValueSet& message) {
+    std::size_t size = 1 + 8 + 4;
+    for (const auto& [key, value] : message) {
+        size += textSize(key.size()) + 1;
+        switch (typeOf(value)) {
+            case PropertyType::Empty:
+                break;
+            case PropertyType::Int64:
+                size += 8;
+                break;
+            case PropertyType::String:
+                size += textSize(unbox_value<hstring>(value).size());
+                break;
+        }
+    }
+    return size;
 }
 
 // Reads a body front to back, refusing to read past its end.
@@ -44,8 +71,14 @@ public:
     hstring takeText() {
         const std::uint64_t units = takeUnsigned(4);
         if (units > left() / 2) throw MalformedFrame("string longer than the frame");
-        std::u16string text(units, u'\0');
-        for (char16_t& unit : text) unit = static_cast<char16_t>(takeUnsigned(2));
+        const std::string_view bytes = take(units * sizeof(char16_t));
+        std::u16string text;
+        // The size is ours, not the second argument: libstdc++ 12 passes
+        // the capacity it grew to there.
+        text.resize_and_overwrite(units, [&](char16_t* into, std::size_t) {
+            std::memcpy(into, bytes.data(), bytes.size());
+            return static_cast<std::size_t>(units);
+        });
         return hstring(std::move(text));
     }
 
@@ -81,18 +114,18 @@ constexpr std::size_t smallestEntrySize = 4 + 1;
 }  // namespace
 
 std::optional<std::string> AppServiceFrame::encode() const {
-    std::string out(lengthSize, '\0');
+    const std::size_t size = bodySize(message);
+    if (size > maximumBodySize) return std::nullopt;
+    std::string out;
+    out.reserve(lengthSize + size);
+    putUnsigned(out, size, lengthSize);
     out.push_back(static_cast<char>(kind));
     putUnsigned(out, requestId, 8);
     putUnsigned(out, message.Size(), 4);
     for (const auto& [key, value] : message) {
         putText(out, key);
         putValue(out, value);
-        if (out.size() - lengthSize > maximumBodySize) return std::nullopt;
     }
-    std::string length;
-    putUnsigned(length, out.size() - lengthSize, lengthSize);
-    out.replace(0, lengthSize, length);
     return out;
 }
 

@@ -1,8 +1,9 @@
-// hstring: the runtime's immutable UTF-16 text. Embedded NULs are kept, and
+// hstring: the runtime's immutable UTF-16 text, shared by its copies. Embedded NULs are kept, and
 // unpaired surrogates travel unchanged: it is code units, not characters.
 #pragma once
 
 #include <compare>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,23 +13,32 @@ namespace Quorvendale::Platform {
 class hstring {
 public:
     hstring() = default;
-    hstring(std::u16string_view text) : text_(text) {}
-    hstring(const char16_t* text) : text_(text) {}
-    explicit hstring(std::u16string&& text) noexcept : text_(std::move(text)) {}
+    hstring(std::u16string_view text) : hstring(std::u16string(text)) {}
+    hstring(const char16_t* text) : hstring(std::u16string_view(text)) {}
+    explicit hstring(std::u16string&& text)
+        : text_(text.empty() ? nullptr : std::make_shared<const std::u16string>(std::move(text))) {}
 
-    const char16_t* c_str() const noexcept { return text_.c_str(); }
-    const char16_t* data() const noexcept { return text_.data(); }
-    std::size_t size() const noexcept { return text_.size(); }
-    bool empty() const noexcept { return text_.empty(); }
-    operator std::u16string_view() const noexcept { return text_; }
-    const std::u16string& str() const& noexcept { return text_; }
-    std::u16string str() && noexcept { return std::move(text_); }
+    const char16_t* c_str() const noexcept { return str().c_str(); }
+    const char16_t* data() const noexcept { return str().data(); }
+    std::size_t size() const noexcept { return str().size(); }
+    bool empty() const noexcept { return str().empty(); }
+    operator std::u16string_view() const noexcept { return str(); }
+    const std::u16string& str() const noexcept {
+        static const std::u16string none;
+        return text_ ? *text_ : none;
+    }
 
-    friend bool operator==(const hstring&, const hstring&) = default;
-    friend auto operator<=>(const hstring&, const hstring&) = default;
+    friend bool operator==(const hstring& left, const hstring& right) noexcept {
+        return left.str() == right.str();
+    }
+    friend auto operator<=>(const hstring& left, const hstring& right) noexcept {
+        return left.str() <=> right.str();
+    }
 
 private:
-    std::u16string text_;
+    // Shared by copies, as the platform's own strings are: a value boxed,
+    // put in a ValueSet, framed and taken out again is never copied whole.
+    std::shared_ptr<const std::u16string> text_;
 };
 
 }  // namespace Quorvendale::Platform
