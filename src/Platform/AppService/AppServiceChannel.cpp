@@ -78,7 +78,7 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
         // Registered before the frame leaves: the answer may beat write() back.
         waiting_.emplace(requestId, completion);
     }
-    const auto frame = AppServiceFrame{AppServiceFrame::Kind::Request, requestId, message}.encode();
+    auto frame = AppServiceFrame{AppServiceFrame::Kind::Request, requestId, message}.encode();
     if (!frame || !write(std::move(*frame), false)) {
         answer(requestId, frame ? failed()
                                 : AppServiceResponse{AppServiceResponseStatus::MessageSizeTooLarge,

@@ -5,7 +5,7 @@ namespace Quorvendale::Platform::Details {
 AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
     MutexLock lock(mutex_);
     if (answered_) return AppServiceResponseStatus::Failure;
-    const auto frame =
+    auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
     if (!frame) return AppServiceResponseStatus::MessageSizeTooLarge;
     if (!channel->write(std::move(*frame), true)) return AppServiceResponseStatus::Failure;
@@ -23,7 +23,7 @@ void IncomingRequest::release() {
     if (--holds_ > 0 || answered_) return;
     // Nobody will answer any more: tell the requester rather than leave it waiting.
     answered_ = true;
-    const auto frame =
+    auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Refusal, requestId, ValueSet()}.encode();
     channel->write(std::move(*frame), true);
 }

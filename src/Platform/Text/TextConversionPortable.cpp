@@ -108,6 +108,35 @@ bool narrowAscii(const char16_t* units, char* out) {
     return true;
 }
 
+// Values are mostly ASCII: such runs convert a block at a time, in loops of
+// fixed length that the compiler turns into vector code.
+constexpr std::size_t block = 16;
+
+bool asciiBlock(const char* bytes) {
+    unsigned char seen = 0;
+    for (std::size_t i = 0; i < block; ++i) seen |= static_cast<unsigned char>(bytes[i]);
+    return seen < 0x80;
+}
+
+// Units 1 to 0x7F only: a zero ends the text, so it must be seen alone. A
+// unit u passes when neither u nor u - 1 has a bit above 0x7F (a zero wraps).
+bool asciiBlock(const char16_t* units) {
+    unsigned seen = 0;
+    for (std::size_t i = 0; i < block; ++i) {
+        seen |= units[i] | static_cast<char16_t>(units[i] - 1);
+    }
+    return (seen & 0xFF80) == 0;
+}
+
+// Unaliased, so that no check of overlap keeps the compiler from vectors.
+void widenBlock(const char* __restrict bytes, char16_t* __restrict units) {
+    for (std::size_t i = 0; i < block; ++i) units[i] = static_cast<unsigned char>(bytes[i]);
+}
+
+void narrowBlock(const char16_t* __restrict units, char* __restrict bytes) {
+    for (std::size_t i = 0; i < block; ++i) bytes[i] = static_cast<char>(units[i]);
+}
+
 bool isHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 bool isLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 
@@ -120,6 +149,12 @@ void appendUtf16(std::u16string& to, std::string_view text) {
     to.resize_and_overwrite(kept + text.size(), [&](char16_t* begin, std::size_t) {
         char16_t* out = begin + kept;
         for (std::size_t at = 0; at < text.size();) {
+            if (text.size() - at >= block && asciiBlock(text.data() + at)) {
+                widenBlock(text.data() + at, out);
+                out += block;
+                at += block;
+                continue;
+            }
             if (static_cast<unsigned char>(text[at]) < 0x80) {
                 *out++ = static_cast<char16_t>(text[at++]);
                 continue;
@@ -135,6 +170,12 @@ void appendUtf16(std::u16string& to, std::string_view text) {
 std::size_t utf16ToUtf8(std::u16string_view text, char* out) {
     char* const begin = out;
     for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text.size() - at >= block && asciiBlock(&text[at])) {
+            narrowBlock(&text[at], out);
+            out += block;
+            at += block - 1;
+            continue;
+        }
         if (text.size() - at >= 4 && narrowAscii(&text[at], out)) {
             out += 4;
             at += 3;
