@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "AppServiceHost.h"
@@ -17,6 +18,7 @@
 #include "Platform/Activation/ApplicationData.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Text/TextConversion.h"
+#include "PrivateRoot.h"
 #include "Sandbox.h"
 
 using namespace Quorvendale;
@@ -34,11 +36,12 @@ void blockTerminationSignals() {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-// The sanitizers' run-time reads the process's own /proc entries (at exit,
-// LeakSanitizer lists the threads there), so a sanitized build lets it.
+// The sanitizers' run-time reads the process's own /proc entries, by its
+// number and as /proc/self (at exit, LeakSanitizer lists the threads there
+// and reads the memory map), so a sanitized build lets it.
 std::vector<std::string> alsoReadable() {
     if (!QV_SANITIZED_BUILD) return {};
-    return {"/proc/" + std::to_string(::getpid())};
+    return {"/proc/" + std::to_string(::getpid()), "/proc/self"};
 }
 
 // The bus that started us, else the session bus.
@@ -66,6 +69,12 @@ int serve(const HostOptions& options) {
     }
     AppServiceHost host(options, library, bus);
     // Last, with everything loaded and made, and before any thread starts.
+    try {
+        enterPrivateRoot(localState, alsoReadable());
+    } catch (const std::system_error& refused) {
+        logFailure("cannot hide the file system outside " + localState + " (" + refused.what() +
+                   "): Landlock alone confines the service");
+    }
     if (confineTo(localState, alsoReadable()) == Confinement::Unsupported) {
         logFailure("this kernel has no Landlock: serving without confinement to " + localState);
     }
