@@ -46,7 +46,7 @@ struct Shown {
     bool writable;
 };
 
-Shown open(const std::string& path, bool writable) {
+Shown reach(const std::string& path, bool writable) {
     if (!path.starts_with('/')) {
         throw std::system_error(EINVAL, std::generic_category(), path + " is no absolute path");
     }
@@ -87,8 +87,8 @@ void enterPrivateRoot(const std::string& folder, const std::vector<std::string>&
     check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "making mounts private");
     // Opened in the new namespace: only its own mounts can be bound into it.
     std::vector<Shown> shown;
-    shown.push_back(open(folder, true));
-    for (const std::string& path : readable) shown.push_back(open(path, false));
+    shown.push_back(reach(folder, true));
+    for (const std::string& path : readable) shown.push_back(reach(path, false));
 
     check(::mount("tmpfs", staging, "tmpfs", inert, "mode=0755"), "tmpfs mount");
     try {
