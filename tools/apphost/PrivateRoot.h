@@ -20,7 +20,8 @@ namespace Quorvendale::AppHost {
 // Call it before the process starts any thread: the kernel makes no user
 // namespace for a process that has several. Throws std::system_error naming
 // the step the kernel refused (namespaces not allowed, a container that
-// forbids mounts); the process then still sees the whole file system.
+// forbids mounts); refused before the new root is entered, which is where
+// such refusals come, it leaves the process seeing the whole file system.
 void enterPrivateRoot(const std::string& folder, const std::vector<std::string>& readable = {});
 
 }  // namespace Quorvendale::AppHost
