@@ -99,6 +99,7 @@ TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
     // Every failure had a client to hear of it: the host said nothing else.
     std::string log = bus_->log();
     if (!landlockAvailable()) log.erase(log.find("quorvendale-apphost: this kernel has no Landlock"), 1);
+    if (const auto at = log.find("host: cannot hide"); at != log.npos) log.erase(at, 1);
     EXPECT_EQ(log.find("quorvendale-apphost"), std::string::npos) << bus_->log();
 }
 
@@ -266,6 +267,9 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
         GTEST_SKIP() << "no Landlock here (kernel or emulator): the host runs unconfined";
     startBus();
     const AppServiceConnection connection = openStorage();
+    const std::string log = bus_->log();
+    if (const auto at = log.find("host: cannot hide"); at != log.npos)
+        GTEST_SKIP() << log.substr(at, log.find('\n', at) - at);
     const fs::path beside = localState().parent_path() / "beside";
     const fs::path outside = package_.base() / "outside";
     for (const fs::path& planted : {beside, outside}) std::ofstream(planted) << "planted";
@@ -277,10 +281,13 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
         EXPECT_EQ(ask(connection, "write", group, key, "changed"),
                   Reply("failed", "Write file error"));
     }
-    EXPECT_EQ(ask(connection, "remove", "..", "beside"), Reply("failed", "Remove file error"));
-    // Its status can be taken, so it reads as an entry that cannot be
-    // opened: empty, and nothing of it leaves.
-    EXPECT_EQ(ask(connection, "read", "../../..", "outside"), success);
+    // Nothing outside is there to see, whether or not it exists.
+    EXPECT_EQ(ask(connection, "remove", "..", "beside"), success);
+    for (const std::string key : {"outside", "missing"}) {
+        EXPECT_EQ(ask(connection, "read", "../../..", key),
+                  Reply("failed", "Read file error: file " + localState().string() + "/../../../" +
+                                      key + " is not exist"));
+    }
 
     for (const fs::path& planted : {beside, outside}) EXPECT_EQ(contentOf(planted), "planted");
     EXPECT_FALSE(fs::exists(package_.base() / "made"));

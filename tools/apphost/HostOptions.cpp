@@ -39,8 +39,9 @@ std::string usage(const char* program) {
            "  --help                      print this text\n"
            "\n"
            "Once it has loaded the library and made the package's LocalState folder,\n"
-           "it can read and write files only under that folder (Landlock). It exits 0\n"
-           "when idle or on SIGTERM, 1 when it cannot serve, 2 for a usage error.\n";
+           "it can read and write files only under that folder (Landlock), and sees no\n"
+           "other file at all (a root of its own in a user and mount namespace). It exits\n"
+           "0 when idle or on SIGTERM, 1 when it cannot serve, 2 for a usage error.\n";
 }
 
 ParsedCommandLine parseCommandLine(int argc, const char* const* argv) {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "AppServiceHost.h"
@@ -17,6 +18,7 @@
 #include "Platform/Activation/ApplicationData.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Text/TextConversion.h"
+#include "PrivateRoot.h"
 #include "Sandbox.h"
 
 using namespace Quorvendale;
@@ -35,7 +37,10 @@ void blockTerminationSignals() {
 }
 
 // The sanitizers' run-time reads the process's own /proc entries (at exit,
-// LeakSanitizer lists the threads there), so a sanitized build lets it.
+// LeakSanitizer lists the threads there), so a sanitized build lets it and
+// sees them in its own root. It reads nothing else once the host is
+// confined: no symbolizer can be started from inside, so its reports give
+// modules and offsets, to be symbolized afterwards.
 std::vector<std::string> alsoReadable() {
     if (!QV_SANITIZED_BUILD) return {};
     return {"/proc/" + std::to_string(::getpid())};
@@ -66,6 +71,12 @@ int serve(const HostOptions& options) {
     }
     AppServiceHost host(options, library, bus);
     // Last, with everything loaded and made, and before any thread starts.
+    try {
+        enterPrivateRoot(localState, alsoReadable());
+    } catch (const std::system_error& refused) {
+        logFailure("cannot hide the file system outside " + localState + " (" + refused.what() +
+                   "): Landlock alone confines the service");
+    }
     if (confineTo(localState, alsoReadable()) == Confinement::Unsupported) {
         logFailure("this kernel has no Landlock: serving without confinement to " + localState);
     }
