@@ -1,10 +1,10 @@
 // What a misbehaving client costs the others, measured against a real host
 // on a private bus. For each attacker: a normal client's read latency (p50,
 // p99 of small reads paced over a few seconds) with the host otherwise idle,
-// then the same with the attacker present, and their ratio; and the host's
-// resident memory and threads before the attack, at its peak (sampled while
-// it runs) and a second after the attacker has gone. The attackers speak the
-// frame format on sockets of their own:
+// then the same with the attacker present, and their ratio, over a few
+// rounds; and the host's resident memory and threads before the attack, at
+// its peak (sampled while it runs) and a second after the attacker has gone.
+// The attackers speak the frame format on sockets of their own:
 //
 //   slow reader  many reads of a 64 KiB value, not one reply read
 //   flood        one connection sending small reads as fast as the host takes
@@ -15,10 +15,7 @@
 //
 // Every loop here is bounded in count and in time. The bus, and the host it
 // starts, end with this process whatever happens (see PrivateBus); should the
-// host outlive the bus, it is killed by its pid at the end.
-//
-// Usage: AppServiceFairnessBench [reads per phase, default 600]
-//                                [idle connections, default 5000]
+// host outlive the bus, it is killed by its pid at the end. --help for usage.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -49,6 +46,12 @@
 #include "Support/Waiting.h"
 
 namespace {
+
+constexpr const char* usage =
+    "Usage: AppServiceFairnessBench [--reads N] [--connections N] [--rounds N]\n"
+    "  --reads N        the normal client's reads in each measure (default 600)\n"
+    "  --connections N  idle connections the idle attacker holds (default 5000)\n"
+    "  --rounds N       idle and attacked measures per attacker, pooled (default 3)\n";
 
 using namespace Quorvendale;
 using namespace Quorvendale::Platform;
@@ -131,7 +134,12 @@ ValueSet readOf(const std::string& key) {
 
 struct Latencies {
     std::vector<double> sorted;  // milliseconds
-    bool timedOut = false;       // the last read got no answer in time
+    bool timedOut = false;       // a read got no answer in time
+    void add(const Latencies& more) {
+        sorted.insert(sorted.end(), more.sorted.begin(), more.sorted.end());
+        std::sort(sorted.begin(), sorted.end());
+        timedOut = timedOut || more.timedOut;
+    }
     double at(double quantile) const {
         return sorted[static_cast<std::size_t>(quantile * static_cast<double>(sorted.size() - 1))];
     }
@@ -321,10 +329,11 @@ private:
     std::uint64_t answered_ = 0, refused_ = 0, strays_ = 0;
 };
 
-// Whether the host has closed its end; reads nothing.
-bool hungUp(int socket) {
-    pollfd state{socket, POLLIN, 0};
-    return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+// Whether the host has closed its end, waiting at most `wait`; reads nothing.
+bool hungUp(int socket, std::chrono::milliseconds wait) {
+    pollfd state{socket, 0, 0};  // a hang-up is reported whatever is asked for
+    return ::poll(&state, 1, static_cast<int>(wait.count())) == 1 &&
+           (state.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 // One line of the table: an attacker, and the normal client beside it.
@@ -361,19 +370,34 @@ void print(const Row& row) {
     std::fflush(stdout);
 }
 
-// The normal client's latency with the host idle, then while `attack` runs:
-// it starts its clients, calls the measure it is given once they are in
-// place, and returns its note once they have gone.
+struct Options {
+    int reads = 600;
+    std::size_t connections = 5000;
+    int rounds = 3;
+};
+
+// The normal client's latency with the host idle, then while `attack` runs,
+// in turn, round after round; each kind's samples are pooled, so that a
+// burst of outside load on this shared machine weighs one round's share.
+// `attack` starts its clients, calls the measure it is given once they are
+// in place, and returns its note once they have gone; the row keeps the
+// last round's note, the footprint before the first attack, the peak of all
+// and the footprint after the last.
 template <class Attack>
-Row phase(const char* attacker, const AppServiceConnection& normal, int reads, pid_t host,
-          Attack attack) {
-    Row row{attacker, latencies(normal, reads), {}, {}, {}, {}, {}};
-    row.before = footprint(host);
-    PeakWatch watch(host);
-    row.note = attack([&] { row.attacked = latencies(normal, reads); });
-    std::this_thread::sleep_for(1s);
-    row.peak = watch.stop();
-    row.after = footprint(host);
+Row phase(const char* attacker, const AppServiceConnection& normal, const Options& options,
+          pid_t host, Attack attack) {
+    Row row{attacker, {}, {}, {}, {}, {}, {}};
+    for (int round = 0; round < options.rounds; ++round) {
+        row.idle.add(latencies(normal, options.reads));
+        if (round == 0) row.before = footprint(host);
+        PeakWatch watch(host);
+        row.note = attack([&] { row.attacked.add(latencies(normal, options.reads)); });
+        std::this_thread::sleep_for(1s);
+        const Footprint peak = watch.stop();
+        row.peak.rssKiB = std::max(row.peak.rssKiB, peak.rssKiB);
+        row.peak.threads = std::max(row.peak.threads, peak.threads);
+        row.after = footprint(host);
+    }
     print(row);
     return row;
 }
@@ -388,7 +412,7 @@ void raiseDescriptorLimit() {
     }
 }
 
-int run(int reads, std::size_t idleConnections, pid_t& host) {
+int run(const Options& options, pid_t& host) {
     Testing::PackageFolder data;
     Testing::TemporaryFolder services;
     {
@@ -417,19 +441,34 @@ int run(int reads, std::size_t idleConnections, pid_t& host) {
     write("huge", 2 << 20);
     latencies(normal, 50);  // warms up both sides
 
-    std::printf("normal client: %d reads of 100 bytes over %llds a phase, milliseconds\n", reads,
-                static_cast<long long>(measuredTime.count()));
+    std::printf(
+        "normal client: %d reads of 100 bytes over %llds, idle then attacked, %d rounds;"
+        " milliseconds\n",
+        options.reads, static_cast<long long>(measuredTime.count()), options.rounds);
     printHeader();
-    const Row slow = phase("slow reader", normal, reads, host, [&](auto measure) {
+    const Row slow = phase("slow reader", normal, options, host, [&](auto measure) {
         const auto socket = openOne(bus.address());
         const std::string frames = requestFrames(readOf("large"), 1, slowReaderRequests);
-        const std::size_t sent = sendFor(socket.get(), frames, Clock::now() + attackLimit, {}) *
+        const auto start = Clock::now();
+        const std::size_t sent = sendFor(socket.get(), frames, start + attackLimit, {}) *
                                  slowReaderRequests / frames.size();
-        measure();
-        return format("%zu reads of 64 KiB sent, none read; %s", sent,
-                      hungUp(socket.get()) ? "closed by the host" : "still open at the end");
+        double closedAfter = -1;
+        {
+            std::jthread watch([&](std::stop_token stop) {
+                while (!stop.stop_requested()) {
+                    if (hungUp(socket.get(), 10ms)) {
+                        closedAfter = secondsSince(start);
+                        break;
+                    }
+                }
+            });
+            measure();
+        }
+        return format("%zu reads of 64 KiB sent, none read; ", sent) +
+               (closedAfter < 0 ? std::string("still open at the end")
+                                : format("closed by the host after %.1fs", closedAfter));
     });
-    phase("flood", normal, reads, host, [&](auto measure) {
+    phase("flood", normal, options, host, [&](auto measure) {
         const auto socket = openOne(bus.address());
         const ValueSet message = readOf("small");
         const std::size_t frameSize = requestFrames(message, 1, 1).size();
@@ -480,17 +519,17 @@ int run(int reads, std::size_t idleConnections, pid_t& host) {
         if (ended) note += ", closed by the host";
         return note;
     });
-    phase("idle", normal, reads, host, [&](auto measure) {
+    phase("idle", normal, options, host, [&](auto measure) {
         const auto start = Clock::now();
-        Opened opened = openSockets(bus.address(), idleConnections, 2 * attackLimit);
+        Opened opened = openSockets(bus.address(), options.connections, 2 * attackLimit);
         const double opening = secondsSince(start);
         measure();
         std::string note = format("%zu of %zu connections open in %.1fs", opened.sockets.size(),
-                                  idleConnections, opening);
+                                  options.connections, opening);
         if (!opened.stopped.empty()) note += ", then " + opened.stopped;
         return note;
     });
-    phase("burst", normal, reads, host, [&](auto measure) {
+    phase("burst", normal, options, host, [&](auto measure) {
         constexpr std::size_t clients = 4, each = 8;
         Opened opened = openSockets(bus.address(), clients);
         if (opened.sockets.size() < clients)
@@ -523,19 +562,32 @@ int run(int reads, std::size_t idleConnections, pid_t& host) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && std::strcmp(argv[1], "--help") == 0) {
-        std::printf(
-            "Usage: AppServiceFairnessBench [reads per phase, default 600] "
-            "[idle connections, default 5000]\n");
-        return 0;
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view flag = argv[i];
+        if (flag == "--help") {
+            std::printf("%s", usage);
+            return 0;
+        }
+        const long value = i + 1 < argc ? std::strtol(argv[i + 1], nullptr, 10) : 0;
+        if (flag == "--reads" && value >= 10 && value <= 100'000) {
+            options.reads = static_cast<int>(value);
+        } else if (flag == "--connections" && value >= 1 && value <= 100'000) {
+            options.connections = static_cast<std::size_t>(value);
+        } else if (flag == "--rounds" && value >= 1 && value <= 100) {
+            options.rounds = static_cast<int>(value);
+        } else {
+            std::fprintf(stderr, "AppServiceFairnessBench: bad argument %s (see --help)\n",
+                         argv[i]);
+            return 2;
+        }
+        ++i;
     }
-    const int reads = argc > 1 ? std::clamp(std::atoi(argv[1]), 10, 100'000) : 600;
-    const std::size_t idle = argc > 2 ? std::clamp(std::atoi(argv[2]), 1, 100'000) : 5000;
     raiseDescriptorLimit();
     pid_t host = 0;
     int status = 1;
     try {
-        status = run(reads, idle, host);
+        status = run(options, host);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "AppServiceFairnessBench: %s\n", error.what());
     }
