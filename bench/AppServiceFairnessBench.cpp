@@ -63,9 +63,10 @@ constexpr const char* package = ServiceIdentity::packageFamilyName.data();
 constexpr const char* appService = ServiceIdentity::appServiceName.data();
 
 // The normal client's reads are spread over this long, so that they see the
-// attack as it goes on rather than its first milliseconds; a phase's reads
-// give up this long after they started.
+// attack as it goes on (the host may take seconds to act on it) rather than
+// its first milliseconds.
 constexpr auto measuredTime = 3s;
+// A measure whose reads are still going this long after it started ends.
 constexpr auto measureLimit = 30s;
 constexpr std::size_t slowReaderRequests = 1000;
 constexpr std::uint64_t floodLimit = 1'000'000;
