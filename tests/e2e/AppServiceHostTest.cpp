@@ -325,14 +325,15 @@ TEST_F(AppServiceHostTest, GarbageOnManySocketsEndsOnlyThoseConnections) {
         EXPECT_TRUE(liars.back().sendBytes(lies[i % std::size(lies)]));
     }
     EXPECT_EQ(ask(connection, "write", "g", "k", "during"), success);
-    // Ten frames of 64 MiB announced: a host that believed them would hold 640.
-    EXPECT_LT(hostUse().residentKiB, idle + 16 * 1024);
+    // Ten frames of 64 MiB announced: a host that believed them would hold
+    // 640. Not measured where freed memory is kept (sanitizers, emulators).
+    EXPECT_TRUE(QV_SLOW_BUILD || hostUse().residentKiB < idle + 16 * 1024);
     for (const auto& liar : liars) {
         ::shutdown(liar.socket(), SHUT_WR);
         EXPECT_TRUE(liar.hungUpWithin(std::chrono::seconds(5)));
     }
-    EXPECT_TRUE(eventually([&] { return hostUse().residentKiB < idle + 4 * 1024; },
-                           std::chrono::seconds(3)));
+    EXPECT_TRUE(QV_SLOW_BUILD || eventually([&] { return hostUse().residentKiB < idle + 4 * 1024; },
+                                            std::chrono::seconds(3)));
     sd_bus* bus = AppServiceBus::connect(bus_->address());
     ASSERT_NE(bus, nullptr);
     sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal

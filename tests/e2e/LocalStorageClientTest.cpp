@@ -52,12 +52,13 @@ constexpr bool slowBuild = QV_SLOW_BUILD;
 
 class LocalStorageClientTest : public testing::Test, protected Testing::StorageServiceBus {
 protected:
-    // A second later, the host holds no more than at `start`: a few MiB, the
-    // threads of a pool that follows the machine, two descriptors.
+    // A second later, the host holds no more than at `start`: a few MiB (not
+    // measured where freed memory is kept), the threads of a pool that
+    // follows the machine, two descriptors.
     void expectBackWithinASecond(const Use& start) const {
         std::this_thread::sleep_for(1s);
         const Use now = hostUse();
-        EXPECT_LT(now.residentKiB, start.residentKiB + (slowBuild ? 256 : 8) * 1024);
+        if (!slowBuild) EXPECT_LT(now.residentKiB, start.residentKiB + 8 * 1024);
         EXPECT_LE(now.threads, start.threads + 2 * std::thread::hardware_concurrency() + 2);
         EXPECT_LE(now.descriptors, start.descriptors + 2);
     }
