@@ -58,7 +58,7 @@ protected:
     void expectBackWithinASecond(const Use& start) const {
         std::this_thread::sleep_for(1s);
         const Use now = hostUse();
-        if (!slowBuild) EXPECT_LT(now.residentKiB, start.residentKiB + 8 * 1024);
+        EXPECT_TRUE(slowBuild || now.residentKiB < start.residentKiB + 8 * 1024) << now.residentKiB;
         EXPECT_LE(now.threads, start.threads + 2 * std::thread::hardware_concurrency() + 2);
         EXPECT_LE(now.descriptors, start.descriptors + 2);
     }
@@ -210,7 +210,7 @@ TEST_F(LocalStorageClientTest, AFrozenApplicationDelaysNoOneAndWhenKilledLeavesN
         std::this_thread::sleep_for(10ms);
     ::kill(frozen.pid(), SIGSTOP);
     const double during = p99();
-    EXPECT_LT(during, 3 * before + (slowBuild ? 50 : 10)) << "p99 " << before << " ms before";
+    EXPECT_LT(during, 3 * before + (slowBuild ? 250 : 10)) << "p99 " << before << " ms before";
     EXPECT_FALSE(frozen.wait(0ms));  // stopped, not ended
     ::kill(frozen.pid(), SIGKILL);
     frozen.wait();
