@@ -36,6 +36,21 @@ protected:
         if (!owner) throw std::runtime_error("no host owns the storage service's name");
         return *owner;
     }
+    // What the host holds now, from its /proc entry.
+    struct Use {
+        long residentKiB = 0, threads = 0, descriptors = 0;
+    };
+    Use hostUse() const {
+        const std::string entry = "/proc/" + std::to_string(host());
+        Use use;
+        std::ifstream status(entry + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("VmRSS:")) use.residentKiB = std::stol(line.substr(6));
+            if (line.starts_with("Threads:")) use.threads = std::stol(line.substr(8));
+        }
+        use.descriptors = std::distance(std::filesystem::directory_iterator(entry + "/fd"), {});
+        return use;
+    }
 
     PackageFolder package_;
     TemporaryFolder services_;
