@@ -38,7 +38,7 @@ protected:
     }
     // What the host holds now, from its /proc entry.
     struct Use {
-        long residentKiB = 0, threads = 0, descriptors = 0;
+        long residentKiB = 0, threads = 0, busyThreads = 0, descriptors = 0;
     };
     Use hostUse() const {
         const std::string entry = "/proc/" + std::to_string(host());
@@ -49,6 +49,12 @@ protected:
             if (line.starts_with("Threads:")) use.threads = std::stol(line.substr(8));
         }
         use.descriptors = std::distance(std::filesystem::directory_iterator(entry + "/fd"), {});
+        for (const auto& task : std::filesystem::directory_iterator(entry + "/task")) {
+            std::string stat;
+            std::getline(std::ifstream(task.path() / "stat"), stat);
+            const auto state = stat.rfind(") ");  // the name may hold anything
+            use.busyThreads += state != std::string::npos && stat.find_first_of("RD", state + 2) == state + 2;
+        }
         return use;
     }
 

@@ -96,9 +96,12 @@ void ignoreFatalSignals() {
 // Large buffers (values, frames) come from the heap and go back to it when
 // freed, so the next request finds their pages already there: fresh pages
 // cost more than the copies into them. The host's trim timer hands what is
-// free back to the system once a second, so a burst's memory does not
-// stay. Only frames near the largest size get pages of their own.
+// free back to the system four times a second, so a burst's memory does not
+// stay; it can only do that whole for the main heap, so every thread
+// allocates there (the per-thread heaps would keep their top). Only frames
+// near the largest size get pages of their own.
 void keepLargeBuffersUntilTrimmed() {
+    ::mallopt(M_ARENA_MAX, 1);
     ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
     ::mallopt(M_TRIM_THRESHOLD, 256 << 20);
 }
