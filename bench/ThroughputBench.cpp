@@ -55,6 +55,7 @@ enum class Kind : std::int32_t { store, redis };
 struct Limits {
     std::chrono::milliseconds duration{2000};
     std::int64_t operationsPerClient = 200'000;
+    bool withRedis = true;
 };
 
 // Redis's protocol, as much as SET and GET need.
@@ -130,12 +131,19 @@ struct Round {
 const Client::Library* library = nullptr;
 std::string redisSocket;
 
+// The signal that starts the clients of a round, and when they stop: the
+// deadline is written before the signal is given.
+struct Start {
+    Clock::time_point deadline;
+    std::atomic<bool> given{false};
+};
+
 // One client: opens, writes its key once, waits for the start, then writes
 // and reads in turn until the time or its count is up. Any failure stops it
 // and counts; it still passes both meeting points, so no other thread waits
 // for it in vain.
 void runClient(Kind kind, const std::string& key, const Limits& limits, std::latch& ready,
-               const std::atomic<Clock::time_point>& deadline, std::vector<std::int64_t>& latencies,
+               const Start& start, std::vector<std::int64_t>& latencies,
                std::atomic<std::int64_t>& failures) {
     std::optional<Client::Storage> storage;
     std::optional<Redis> redis;
@@ -161,13 +169,13 @@ void runClient(Kind kind, const std::string& key, const Limits& limits, std::lat
             static_cast<std::size_t>(std::min<std::int64_t>(limits.operationsPerClient, 16384)));
         ready.arrive_and_wait();
         arrived = true;
-        Clock::time_point end;
-        while ((end = deadline.load()) == Clock::time_point{}) std::this_thread::yield();
+        start.given.wait(false);
+        const Clock::time_point end = start.deadline;
         for (std::int64_t done = 0; done < limits.operationsPerClient; ++done) {
-            const Clock::time_point start = Clock::now();
-            if (start >= end) break;
+            const Clock::time_point begun = Clock::now();
+            if (begun >= end) break;
             done % 2 == 0 ? write() : read();
-            latencies.push_back((Clock::now() - start).count());
+            latencies.push_back((Clock::now() - begun).count());
         }
     } catch (const std::exception& error) {
         if (failures.fetch_add(1) == 0) std::fprintf(stderr, "a client failed: %s\n", error.what());
@@ -182,22 +190,34 @@ template <class Meet>
 Round runClients(Kind kind, int clients, const Limits& limits, const std::string& keyPrefix,
                  Meet meet) {
     std::latch ready(clients + 1);
-    std::atomic<Clock::time_point> deadline{Clock::time_point{}};
+    Start start;
     std::atomic<std::int64_t> failures{0};
     std::vector<std::vector<std::int64_t>> latencies(static_cast<std::size_t>(clients));
     std::vector<std::thread> threads;
     for (int i = 0; i < clients; ++i) {
         threads.emplace_back(runClient, kind, keyPrefix + std::to_string(i), std::cref(limits),
-                             std::ref(ready), std::cref(deadline),
+                             std::ref(ready), std::cref(start),
                              std::ref(latencies[static_cast<std::size_t>(i)]), std::ref(failures));
     }
     ready.arrive_and_wait();
-    meet();
-    const Clock::time_point start = Clock::now();
-    deadline.store(start + limits.duration);
-    for (std::thread& thread : threads) thread.join();
+    // Should the other process fail to line up, the clients start with no
+    // time left, so that they end before the failure goes on.
+    const auto release = [&](Clock::duration time) {
+        start.deadline = Clock::now() + time;
+        start.given.store(true);
+        start.given.notify_all();
+        for (std::thread& thread : threads) thread.join();
+    };
+    try {
+        meet();
+    } catch (...) {
+        release(Clock::duration::zero());
+        throw;
+    }
+    const Clock::time_point begun = Clock::now();
+    release(limits.duration);
     Round round;
-    round.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    round.seconds = std::chrono::duration<double>(Clock::now() - begun).count();
     round.failures = failures.load();
     for (const auto& some : latencies) {
         round.latencies.insert(round.latencies.end(), some.begin(), some.end());
@@ -347,11 +367,12 @@ Percentiles measure(Kind kind, int clients, const Limits& limits, int second) {
 
 void printUsage() {
     std::printf(
-        "Usage: ThroughputBench [--seconds S] [--operations N]\n"
+        "Usage: ThroughputBench [--seconds S] [--operations N] [--without-redis]\n"
         "One host serving 1, 8 and 64 local clients at once, beside redis-server over a\n"
         "Unix socket with as many connections: 100-byte writes and reads in turn.\n"
         "  --seconds S      how long each client count runs (default 2)\n"
-        "  --operations N   the most operations of one client in one run (default 200000)\n");
+        "  --operations N   the most operations of one client in one run (default 200000)\n"
+        "  --without-redis  leave Redis out even when redis-server is installed\n");
 }
 
 int run(const Limits& limits) {
@@ -369,7 +390,9 @@ int run(const Limits& limits) {
     // Both children before any thread of this process.
     std::optional<Child> redisServer;
     std::string redisAbsent;
-    if (const std::string server = findRedisServer(); server.empty()) {
+    if (!limits.withRedis) {
+        redisAbsent = "--without-redis";
+    } else if (const std::string server = findRedisServer(); server.empty()) {
         redisAbsent = "no redis-server on PATH (apt-get install redis-server to compare)";
     } else {
         redisSocket = (data.path() / "redis.sock").string();
@@ -450,6 +473,10 @@ int main(int argc, char** argv) {
         if (option == "--help" || option == "-h") {
             printUsage();
             return 0;
+        }
+        if (option == "--without-redis") {
+            limits.withRedis = false;
+            continue;
         }
         if ((option == "--seconds" || option == "--operations") && i + 1 < argc) {
             const double value = std::atof(argv[++i]);
