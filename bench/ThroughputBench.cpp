@@ -11,6 +11,10 @@
 // redis-server, without persistence, in a temporary folder, when one is
 // installed, and leaves that column out saying why when not.
 //
+// The files live under TMPDIR (else /tmp). On ext4 the close of each
+// overwrite starts writeback, which then dominates one client's latency;
+// TMPDIR=/dev/shm leaves the path between the processes to measure.
+//
 // Every process started here ends with the bench: the second process and
 // redis-server are killed by process id at the end and die with this
 // process if it is killed first; the private bus takes the host with it.
