@@ -70,6 +70,14 @@ void show(const Shown& shown) {
     }
 }
 
+// The capabilities that a new user namespace gives would let the process
+// mount again, there; it needs none of them.
+void dropCapabilities() {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
+    check(static_cast<int>(::syscall(SYS_capset, &header, none)), "capset");
+}
+
 }  // namespace
 
 void enterPrivateRoot(const std::string& folder, const std::vector<std::string>& readable) {
@@ -79,19 +87,22 @@ void enterPrivateRoot(const std::string& folder, const std::vector<std::string>&
     const std::string user = std::to_string(::getuid());
     const std::string group = std::to_string(::getgid());
     check(::unshare(CLONE_NEWUSER | CLONE_NEWNS), "unshare");
-    writeFile("/proc/self/uid_map", user + " " + user + " 1");
-    writeFile("/proc/self/setgroups", "deny");
-    writeFile("/proc/self/gid_map", group + " " + group + " 1");
-
-    // Nothing done here reaches the namespace the host came from.
-    check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "making mounts private");
-    // Opened in the new namespace: only its own mounts can be bound into it.
-    std::vector<Shown> shown;
-    shown.push_back(reach(folder, true));
-    for (const std::string& path : readable) shown.push_back(reach(path, false));
-
-    check(::mount("tmpfs", staging, "tmpfs", inert, "mode=0755"), "tmpfs mount");
+    bool staged = false;
     try {
+        writeFile("/proc/self/uid_map", user + " " + user + " 1");
+        writeFile("/proc/self/setgroups", "deny");
+        writeFile("/proc/self/gid_map", group + " " + group + " 1");
+
+        // Nothing done here reaches the namespace the host came from.
+        check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr),
+              "making mounts private");
+        // Opened in the new namespace: only its own mounts can be bound into it.
+        std::vector<Shown> shown;
+        shown.push_back(reach(folder, true));
+        for (const std::string& path : readable) shown.push_back(reach(path, false));
+
+        check(::mount("tmpfs", staging, "tmpfs", inert, "mode=0755"), "tmpfs mount");
+        staged = true;
         for (const Shown& each : shown) show(each);
         // Empty folders leading to those; nothing can be made beside them.
         check(::mount(nullptr, staging, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | inert, nullptr),
@@ -101,18 +112,17 @@ void enterPrivateRoot(const std::string& folder, const std::vector<std::string>&
         check(::chdir(staging), "chdir");
         check(static_cast<int>(::syscall(SYS_pivot_root, ".", ".")), "pivot_root");
     } catch (...) {
-        // The whole file system as it was, with Landlock to confine it.
-        [[maybe_unused]] const int ignored = ::chdir("/") + ::umount2(staging, MNT_DETACH);
+        // The whole file system as it was, with Landlock to confine it, and
+        // no more rights than before.
+        if (staged) {
+            [[maybe_unused]] const int ignored = ::chdir("/") + ::umount2(staging, MNT_DETACH);
+        }
+        dropCapabilities();
         throw;
     }
     check(::umount2(".", MNT_DETACH), "detaching the old root");
     check(::chdir("/"), "chdir");
-
-    // The capabilities that the new user namespace gave would let the
-    // process mount again; it needs none of them.
-    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
-    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
-    check(static_cast<int>(::syscall(SYS_capset, &header, none)), "capset");
+    dropCapabilities();
 }
 
 }  // namespace Quorvendale::AppHost
