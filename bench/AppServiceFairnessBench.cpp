@@ -19,7 +19,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -41,6 +40,7 @@
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/AppService/AppServiceFrame.h"
 #include "Platform/Text/TextConversion.h"
+#include "Posix/DescriptorLimit.h"
 #include "ServiceIdentity.h"
 #include "Support/PrivateBus.h"
 #include "Support/StorageMessages.h"
@@ -405,16 +405,6 @@ Row phase(const char* attacker, const AppServiceConnection& normal, const Option
     return row;
 }
 
-// A connection costs a descriptor, and the idle phase holds thousands.
-void raiseDescriptorLimit() {
-    rlimit descriptors{};
-    if (::getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
-        descriptors.rlim_cur < descriptors.rlim_max) {
-        descriptors.rlim_cur = descriptors.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &descriptors);
-    }
-}
-
 int run(const Options& options, pid_t& host) {
     Testing::PackageFolder data;
     Testing::TemporaryFolder services;
@@ -590,7 +580,8 @@ int main(int argc, char** argv) {
         }
         ++i;
     }
-    raiseDescriptorLimit();
+    // A connection costs a descriptor, and the idle phase holds thousands.
+    Posix::raiseDescriptorLimit();
     pid_t host = 0;
     int status = 1;
     try {

@@ -13,6 +13,7 @@
 #include <fstream>
 
 #include "AppServiceHost.h"
+#include "Posix/DescriptorLimit.h"
 #include "ServiceIdentity.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
@@ -250,11 +251,8 @@ TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnReq
 // serves: the next Open is refused with a status until one closes.
 TEST_F(AppServiceHostTest, ThousandsOfConnectionsAreServedAndPastItsDescriptorsOpenIsRefused) {
     constexpr std::size_t count = 5000;
-    rlimit own{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &own), 0);
-    if (own.rlim_max < count + 100) GTEST_SKIP() << "this process may open only " << own.rlim_max;
-    own.rlim_cur = own.rlim_max;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &own), 0);
+    if (const rlim_t own = Posix::raiseDescriptorLimit(); own < count + 100)
+        GTEST_SKIP() << "this process may open only " << own;
     startBus();
     const AppServiceConnection first = openStorage();
     const pid_t served = host();

@@ -2,7 +2,6 @@
 // by D-Bus activation (see --help, and HostOptions.h).
 #include <malloc.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "Platform/Activation/ApplicationData.h"
 #include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Text/TextConversion.h"
+#include "Posix/DescriptorLimit.h"
 #include "PrivateRoot.h"
 #include "Sandbox.h"
 
@@ -106,20 +106,11 @@ void keepLargeBuffersUntilTrimmed() {
     ::mallopt(M_TRIM_THRESHOLD, 256 << 20);
 }
 
-// A connection costs a descriptor: the host takes all the system lets it.
-void raiseDescriptorLimit() {
-    rlimit descriptors{};
-    if (::getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
-        descriptors.rlim_cur < descriptors.rlim_max) {
-        descriptors.rlim_cur = descriptors.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &descriptors);
-    }
-}
-
 int main(int argc, char** argv) {
     blockTerminationSignals();
     ignoreFatalSignals();
-    raiseDescriptorLimit();
+    // A connection costs a descriptor: the host takes all the system lets it.
+    Posix::raiseDescriptorLimit();
     keepLargeBuffersUntilTrimmed();
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     switch (parsed.outcome) {

@@ -130,9 +130,12 @@ void ChannelLoop::update(std::uint64_t id) {
     if (found == watched_.end()) return;
     Watched& watched = found->second;
     const std::shared_ptr<AppServiceChannel> channel = watched.channel.lock();
-    if (channel && channel->interest().peerGone) channel->close(true);
-    const AppServiceChannel::Interest interest =
+    AppServiceChannel::Interest interest =
         channel ? channel->interest() : AppServiceChannel::Interest{.ended = true};
+    if (interest.peerGone) {
+        channel->close(true);
+        interest = {.ended = true};
+    }
     if (interest.ended) {
         if (channel) {
             if (watched.events != 0) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.socket, nullptr);
