@@ -1,7 +1,7 @@
 #include "Platform/Foundation/ThreadPool.h"
 
-#include <condition_variable>
 #include <algorithm>
+#include <condition_variable>
 #include <deque>
 #include <thread>
 
