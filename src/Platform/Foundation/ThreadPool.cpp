@@ -21,10 +21,16 @@ unsigned maximumThreads() {
 class Pool {
 public:
     void submit(std::function<void()> job) {
-        MutexLock lock(mutex_);
-        jobs_.push_back(std::move(job));
-        if (idle_ < jobs_.size() && threads_ < maximumThreads()) {
-            ++threads_;
+        bool startThread = false;
+        {
+            MutexLock lock(mutex_);
+            jobs_.push_back(std::move(job));
+            startThread = idle_ < jobs_.size() && threads_ < maximumThreads();
+            if (startThread) ++threads_;
+        }
+        // Outside the lock: a thread woken while it is held would run only
+        // to wait for it, two switches instead of one on a busy core.
+        if (startThread) {
             std::thread([this] { work(); }).detach();
         } else {
             wake_.notify_one();
