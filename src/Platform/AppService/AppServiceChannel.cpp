@@ -1,5 +1,7 @@
 #include "Platform/AppService/AppServiceChannel.h"
 
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -78,6 +80,9 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
         // Registered before the frame leaves: the answer may beat write() back.
         waiting_.emplace(requestId, completion);
     }
+    completion.whileWaiting([channel = weak_from_this()](const std::function<bool()>& answered) {
+        if (const auto self = channel.lock()) self->readWhileWaiting(answered);
+    });
     auto frame = AppServiceFrame{AppServiceFrame::Kind::Request, requestId, message}.encode();
     if (!frame || !write(std::move(*frame), false)) {
         answer(requestId, frame ? failed()
@@ -98,12 +103,14 @@ bool AppServiceChannel::write(std::string frame, bool isAnswer) {
         queuedBytes_ += frame.size();
         FrameMemory::add(frame.size());
         outgoing_.push_back({std::move(frame), isAnswer});
-        // Behind other frames, it waits for the loop, which is watching:
-        // sending here would put its bytes before theirs.
+        // Behind other frames, it leaves with them, sent by the thread that
+        // sends them or by the loop: sending here would put its bytes
+        // before theirs.
         if (outgoing_.size() > 1) return true;
+        sending_ = true;
         // The writer may hold a request's lock: the loop ends the connection.
         sent = sendQueued(answersSent);
-        peerGone_ = !sent;
+        peerGone_ = peerGone_ || !sent;
         queued = !outgoing_.empty();
     }
     afterSending(answersSent, queued);
@@ -115,7 +122,9 @@ void AppServiceChannel::flush() {
     bool sent = false;
     {
         MutexLock lock(mutex_);
-        if (closed_) return;
+        // A thread sending now tells the loop what it leaves behind.
+        if (closed_ || sending_) return;
+        sending_ = true;
         sent = sendQueued(answersSent);
     }
     if (!sent) {
@@ -126,17 +135,29 @@ void AppServiceChannel::flush() {
 }
 
 // Sends from the queue until it is empty or the socket is full; false when
-// the peer is gone.
+// the peer is gone. The caller has taken sending_, which this gives back.
+// The lock is let go during each send: the send wakes the peer, which on a
+// busy core may run at once, and this thread should not keep the channel
+// locked meanwhile. The frame being sent stays at the front of the queue,
+// where only the sender takes it away (references into a deque outlive
+// push_back), and a close() meanwhile leaves the queue to the sender.
 bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
-    while (!outgoing_.empty()) {
+    bool peerThere = true;
+    while (!outgoing_.empty() && !closed_) {
         const std::string& frame = outgoing_.front().frame;
         const char* const rest = frame.data() + sentOfFirst_;
         const std::size_t restSize = frame.size() - sentOfFirst_;
+        mutex_.unlock();
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
         const ssize_t count = Posix::retryInterrupted(
             [&] { return ::send(socket_.get(), rest, restSize, MSG_NOSIGNAL | MSG_DONTWAIT); });
-        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
-        if (count <= 0) return false;
+        const int error = errno;
+        mutex_.lock();
+        if (count < 0 && (error == EAGAIN || error == EWOULDBLOCK)) break;
+        if (count <= 0) {
+            peerThere = false;
+            break;
+        }
         lastSent_ = std::chrono::steady_clock::now();
         sentOfFirst_ += static_cast<std::size_t>(count);
         if (sentOfFirst_ < frame.size()) continue;
@@ -146,52 +167,86 @@ bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
         outgoing_.pop_front();
         sentOfFirst_ = 0;
     }
-    return true;
+    sending_ = false;
+    if (closed_) dropQueue();
+    return peerThere;
 }
 
-// Answers that left make room for more requests, and a queue that began or
-// emptied changes what the loop watches. The loop is told only then, so a
-// frame that leaves whole at once costs it nothing.
+// Answers that left may make room for more requests, and a queue that began
+// changes what the loop watches. The loop is told only then, so a frame that
+// leaves whole at once wakes it not. (A queue empties only in flush(), on
+// the loop's thread, which looks at the channel again after it.)
 void AppServiceChannel::afterSending(std::size_t answersSent, bool queued) {
     bool reconsider = queued;
     {
         MutexLock lock(mutex_);
         reconsider = reconsider || peerGone_;
         if (answersSent > 0) {
-            reconsider = reconsider || inFlight_ >= maximumRequestsInFlight || outgoing_.empty();
+            reconsider = reconsider || inFlight_ >= maximumRequestsInFlight;
             inFlight_ -= std::min(answersSent, inFlight_);
         }
     }
     if (reconsider) ChannelLoop::instance().reconsider(id_);
 }
 
-// What the peer has not taken is freed now; the peer sees the end of the stream.
+// What the peer has not taken is freed now, or by the thread sending now
+// once its send returns; the peer sees the end of the stream.
 void AppServiceChannel::dropQueue() {
+    ::shutdown(socket_.get(), SHUT_RDWR);
+    if (sending_) return;
     FrameMemory::release(queuedBytes_);
     outgoing_.clear();
     queuedBytes_ = 0;
     sentOfFirst_ = 0;
-    ::shutdown(socket_.get(), SHUT_RDWR);
 }
 
-AppServiceChannel::Interest AppServiceChannel::interest() const {
-    MutexLock lock(mutex_);
+AppServiceChannel::Interest AppServiceChannel::interestLocked() const {
     if (closed_) return {.ended = true};
     if (peerGone_) return {.peerGone = true};
-    return {.read = inFlight_ < maximumRequestsInFlight && !waitingForMemory_,
-            .write = !outgoing_.empty(),
+    return {.read = mayRead() && reader_ != Reader::Caller,
+            .write = !outgoing_.empty() && !sending_,
             .waitingForMemory = waitingForMemory_};
+}
+
+// Past its limit of requests in flight, or short of frame memory, the
+// channel reads no more until answers have left or memory came free.
+bool AppServiceChannel::mayRead() const {
+    return !closed_ && !peerGone_ && inFlight_ < maximumRequestsInFlight && !waitingForMemory_;
+}
+
+AppServiceChannel::Interest AppServiceChannel::watch() {
+    MutexLock lock(mutex_);
+    watchLocked();
+    return interestLocked();
+}
+
+void AppServiceChannel::watchLocked() {
+    const Interest interest = interestLocked();
+    const std::uint32_t events =
+        (interest.read ? EPOLLIN : 0u) | (interest.write ? EPOLLOUT : 0u);
+    // A socket waited on for nothing is out of epoll: a hang-up, which epoll
+    // reports whatever it is asked, would otherwise wake the loop without end
+    // while the channel is at its limit of requests.
+    const bool watched = ChannelLoop::instance().changeWatch(socket_.get(), id_, watching_, events);
+    watching_ = events;
+    // A socket that cannot be watched is a connection that cannot be served.
+    if (!watched) peerGone_ = true;
 }
 
 void AppServiceChannel::closeIfStalled(bool othersWaitForMemory) {
     const auto now = std::chrono::steady_clock::now();
-    if (othersWaitForMemory && incoming_.reserved > 0 &&
-        now - incoming_.lastProgress >= stalledPeerLimit) {
-        logLine("closing an app-service connection whose peer stopped sending in the middle of "
-                "a frame (" + std::to_string(incoming_.received >> 10) +
-                " KiB held for it while others wait)");
-        close(true);
-        return;
+    if (othersWaitForMemory && takeReading(Reader::Loop)) {
+        const bool stalled =
+            incoming_.reserved > 0 && now - incoming_.lastProgress >= stalledPeerLimit;
+        const std::size_t held = incoming_.received;
+        giveReadingBack();
+        if (stalled) {
+            logLine("closing an app-service connection whose peer stopped sending in the middle "
+                    "of a frame (" + std::to_string(held >> 10) +
+                    " KiB held for it while others wait)");
+            close(true);
+            return;
+        }
     }
     std::size_t unread = 0;
     {
@@ -255,37 +310,91 @@ void AppServiceChannel::raiseEnd(bool byPeer) {
 }
 
 void AppServiceChannel::readSome() {
-    waitingForMemory_ = false;  // memory may have come free: it asks again
-    if (!interest().read) return;
-    std::size_t budget = sliceSize;
+    {
+        MutexLock lock(mutex_);
+        waitingForMemory_ = false;  // memory may have come free: it asks again
+        if (reader_ != Reader::None || !mayRead()) return;
+        reader_ = Reader::Loop;
+    }
+    readFrame(sliceSize);
+    giveReadingBack();
+}
+
+// The reader's turn: while nothing else reads and the channel may read.
+// A waiting caller takes the socket out of the loop's epoll meanwhile, so
+// that what arrives wakes only the caller.
+bool AppServiceChannel::takeReading(Reader reader) {
+    MutexLock lock(mutex_);
+    if (reader_ != Reader::None || (reader == Reader::Caller && !mayRead())) return false;
+    reader_ = reader;
+    if (reader == Reader::Caller) watchLocked();
+    return true;
+}
+
+void AppServiceChannel::giveReadingBack() {
+    bool tellTheLoop = false;
+    {
+        MutexLock lock(mutex_);
+        const Reader was = std::exchange(reader_, Reader::None);
+        if (was != Reader::Caller) return;
+        // The loop dropped no frame of a channel that ended meanwhile.
+        if (closed_) forgetPartialFrame();
+        watchLocked();
+        // The loop still holds the channel; it keeps count of those waiting
+        // for memory and ends those whose peer is gone.
+        tellTheLoop = closed_ || peerGone_ || waitingForMemory_;
+    }
+    if (tellTheLoop) ChannelLoop::instance().reconsider(id_);
+}
+
+// On a thread waiting for an answer on this channel: reads frames until
+// the answer has come, as the loop would (other answers and requests go
+// where they belong), so that neither the loop nor a hand-off stands
+// between the answer and its waiter. The loop reads on when this stops.
+void AppServiceChannel::readWhileWaiting(const std::function<bool()>& answered) {
+    if (!takeReading(Reader::Caller)) return;
+    // Each wait is bounded so that an operation ended otherwise (cancelled)
+    // lets its thread go.
+    constexpr int checkMilliseconds = 100;
+    while (!answered()) {
+        pollfd readable{.fd = socket_.get(), .events = POLLIN, .revents = 0};
+        const int ready = ::poll(&readable, 1, checkMilliseconds);
+        if (ready < 0 && errno != EINTR) break;
+        if (ready > 0 && !readFrame(sliceSize)) break;
+    }
+    giveReadingBack();
+}
+
+// Receives what has arrived, up to a frame, and hands a whole frame on;
+// false once the channel may read no more (it ended, it waits for memory,
+// it is at its limit of requests).
+bool AppServiceChannel::readFrame(std::size_t budget) {
     Received received = Received::Ended;
     try {
         received = receive(budget);
     } catch (const MalformedFrame&) {  // a length over the limit
     } catch (const std::bad_alloc&) {
     }
-    switch (received) {
-        case Received::Ended:
-            close(true);
-            break;
-        case Received::Waiting:
-            break;
-        case Received::Frame: {
-            std::optional<AppServiceFrame> frame;
-            try {
-                frame = AppServiceFrame::decode({incoming_.body.get(), incoming_.bodySize});
-            } catch (const MalformedFrame&) {
-            } catch (const std::bad_alloc&) {
-            }
-            forgetPartialFrame();
-            if (frame) {
-                dispatch(std::move(*frame));
-            } else {
-                close(true);
-            }
-            break;
-        }
+    if (received == Received::Ended) {
+        close(true);
+        return false;
     }
+    if (received == Received::Frame) {
+        std::optional<AppServiceFrame> frame;
+        try {
+            frame = AppServiceFrame::decode({incoming_.body.get(), incoming_.bodySize});
+        } catch (const MalformedFrame&) {
+        } catch (const std::bad_alloc&) {
+        }
+        forgetPartialFrame();
+        if (!frame) {
+            close(true);
+            return false;
+        }
+        dispatch(std::move(*frame));
+    }
+    MutexLock lock(mutex_);
+    return mayRead();
 }
 
 // Receives into the frame on its way until it is whole, the socket has no
@@ -310,6 +419,7 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
         if (frame.received + step > frame.reserved) {
             const std::size_t more = frame.received + step - frame.reserved;
             if (!FrameMemory::tryReserve(more)) {
+                MutexLock lock(mutex_);
                 waitingForMemory_ = true;
                 return Received::Waiting;
             }
@@ -347,7 +457,13 @@ bool AppServiceChannel::receiveInto(char* into, std::size_t size, std::size_t& r
 void AppServiceChannel::forgetPartialFrame() {
     FrameMemory::release(incoming_.reserved);
     incoming_ = PartialFrame{};
-    waitingForMemory_ = false;
+}
+
+void AppServiceChannel::dropPartialFrame() {
+    // A caller reading now drops it itself when it sees the end.
+    if (!takeReading(Reader::Loop)) return;
+    forgetPartialFrame();
+    giveReadingBack();
 }
 
 void AppServiceChannel::dispatch(AppServiceFrame&& frame) {

@@ -9,6 +9,7 @@
 // The producer side is AsyncCompletion, the runtime's own.
 #pragma once
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -29,6 +30,11 @@ namespace Details {
 template <class T>
 struct AsyncState {
     Mutex mutex;
+    std::condition_variable ended;
+    // What a thread that waits may do meanwhile, from the producer (an
+    // app-service request reads its own response), given a test of whether
+    // the operation has ended.
+    std::function<void(const std::function<bool()>&)> whileWaiting QV_GUARDED_BY(mutex);
     AsyncStatus status QV_GUARDED_BY(mutex) = AsyncStatus::Started;
     std::optional<T> result QV_GUARDED_BY(mutex);
     HResultError error QV_GUARDED_BY(mutex){S_OK};
@@ -79,6 +85,20 @@ public:
         throw HResultError(E_ILLEGAL_METHOD_CALL);
     }
 
+    // Blocks until the operation has ended. The producer may put the
+    // waiting thread to work meanwhile, on what ends the operation.
+    void wait() const {
+        std::function<void(const std::function<bool()>&)> work;
+        {
+            MutexLock lock(state_->mutex);
+            if (state_->status != AsyncStatus::Started) return;
+            work = std::move(state_->whileWaiting);
+        }
+        if (work) work([this] { return Status() != AsyncStatus::Started; });
+        MutexLock lock(state_->mutex);
+        while (state_->status == AsyncStatus::Started) state_->ended.wait(lock.forWaiting());
+    }
+
     // Ends a running operation as cancelled; no effect once it has ended.
     void Cancel() const {
         finish(AsyncStatus::Canceled, std::nullopt, HResultError(S_OK));
@@ -100,7 +120,9 @@ private:
             state_->error = std::move(error);
             state_->status = status;
             handler = std::move(state_->completed);
+            state_->whileWaiting = nullptr;
         }
+        state_->ended.notify_all();
         if (handler) handler(*this, status);
         return true;
     }

@@ -1,7 +1,6 @@
 #include "UwpLocalStorageClient.h"
 
 #include <optional>
-#include <semaphore>
 #include <stdexcept>
 #include <thread>
 
@@ -34,13 +33,7 @@ std::string narrowAsItStands(const hstring& message) {
 // error for a failed one.
 template <class T>
 T waitFor(const IAsyncOperation<T>& operation) {
-    if (operation.Status() == AsyncStatus::Started) {
-        // Shared with the handler, which may still be leaving release()
-        // when this thread wakes.
-        const auto ended = std::make_shared<std::binary_semaphore>(0);
-        operation.Completed([ended](auto&, auto) { ended->release(); });
-        ended->acquire();
-    }
+    operation.wait();
     if (operation.Status() == AsyncStatus::Canceled) throw HResultError(ERROR_CANCELLED);
     return operation.GetResults();
 }
