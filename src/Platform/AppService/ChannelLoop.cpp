@@ -3,11 +3,13 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
+#include <functional>
 #include <system_error>
-#include <thread>
 
 #include "Platform/AppService/AppServiceChannel.h"
 #include "Platform/AppService/FrameMemory.h"
+#include "Platform/AppService/RequestScheduler.h"
+#include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
 namespace Quorvendale::Platform::Details {
@@ -32,7 +34,7 @@ int checked(int descriptor, const char* what) {
 ChannelLoop& ChannelLoop::instance() {
     static ChannelLoop* loop = [] {
         auto* made = new ChannelLoop;
-        std::thread([made] { made->run(); }).detach();
+        ThreadPool::submit([made] { made->run(); });
         return made;
     }();
     return *loop;
@@ -76,30 +78,59 @@ void ChannelLoop::wake() {
     [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
 }
 
+// Runs the loop's turns on this thread until one reads a request and a
+// pool thread is idle: the idle thread takes the loop over, and this one
+// serves a request, so that a request reaches its handler on the thread
+// that read it. (With no thread idle, the loop keeps its thread and the
+// requests wait for pool threads, as every other job.)
 void ChannelLoop::run() {
-    using Clock = std::chrono::steady_clock;
-    auto nextCheck = Clock::now();
-    epoll_event events[eventsPerWait];
     for (;;) {
-        const bool holding = FrameMemory::inUse() > 0 || !waitingForMemory_.empty();
-        const int ready = Posix::retryInterrupted([&] {
-            return ::epoll_wait(epoll_.get(), events, eventsPerWait,
-                                holding ? stallCheckMilliseconds : -1);
-        });
-        for (int i = 0; i < ready; ++i) {
-            if (events[i].data.u64 == wakeEvent) {
-                std::uint64_t count = 0;
-                [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
-            } else {
-                serve(events[i].data.u64, events[i].events);
+        std::size_t jobs = 0;
+        {
+            const RequestScheduler::DeferJobs defer;
+            try {
+                turn();
+            } catch (...) {
+                // The loop outlives a turn that could not get memory.
             }
+            jobs = RequestScheduler::DeferJobs::takeJobs();
         }
-        takePosted();
-        if (holding && Clock::now() >= nextCheck) {
-            checkStalled();
-            resumeWaitingForMemory();
-            nextCheck = Clock::now() + std::chrono::milliseconds(stallCheckMilliseconds);
+        if (jobs == 0) continue;
+        std::function<void()> rest = [this] { run(); };
+        const bool handedOff = ThreadPool::handOff(rest);
+        for (std::size_t job = handedOff ? 1 : 0; job < jobs; ++job) {
+            ThreadPool::submit(&RequestScheduler::serveNext);
         }
+        if (handedOff) {
+            RequestScheduler::serveNext();
+            return;
+        }
+    }
+}
+
+// Waits for what is ready, or for the next stall check while frame memory
+// is held, and serves it.
+void ChannelLoop::turn() {
+    using Clock = std::chrono::steady_clock;
+    epoll_event events[eventsPerWait];
+    const bool holding = FrameMemory::inUse() > 0 || !waitingForMemory_.empty();
+    const int ready = Posix::retryInterrupted([&] {
+        return ::epoll_wait(epoll_.get(), events, eventsPerWait,
+                            holding ? stallCheckMilliseconds : -1);
+    });
+    for (int i = 0; i < ready; ++i) {
+        if (events[i].data.u64 == wakeEvent) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
+        } else {
+            serve(events[i].data.u64, events[i].events);
+        }
+    }
+    takePosted();
+    if (holding && Clock::now() >= nextStallCheck_) {
+        checkStalled();
+        resumeWaitingForMemory();
+        nextStallCheck_ = Clock::now() + std::chrono::milliseconds(stallCheckMilliseconds);
     }
 }
 

@@ -1,7 +1,10 @@
-// ChannelLoop: the one thread of a process that waits on the sockets of all
-// its app-service connections. It reads each frame as it arrives and hands a
-// request to the pool (or completes the operation a response answers), and
-// it sends what a channel could not send at once as the peer reads. Sockets
+// ChannelLoop: the one thread at a time of a process that waits on the
+// sockets of all its app-service connections. It reads each frame as it
+// arrives and queues a request for the pool (or completes the operation a
+// response answers), and it sends what a channel could not send at once as
+// the peer reads. A turn that read a request gives the loop to an idle pool
+// thread and serves a request itself, so a request is read and handled on
+// one thread; the loop thus moves from thread to thread. Sockets
 // are watched level-triggered, and a channel reads at most one frame (or a
 // slice of a large one) per turn, so peers that send a lot take turns with
 // those that send a little. Thousands of connections cost a descriptor and a
@@ -14,6 +17,7 @@
 // the loop to reconsider that channel.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -54,6 +58,7 @@ private:
 
     ChannelLoop();
     void run();
+    void turn();
     void takePosted();
     void update(std::uint64_t id);
     void serve(std::uint64_t id, std::uint32_t events);
@@ -69,9 +74,10 @@ private:
     std::vector<std::uint64_t> reconsidered_ QV_GUARDED_BY(mutex_);
     bool memoryReleased_ QV_GUARDED_BY(mutex_) = false;
 
-    // The loop thread's own.
+    // The running turn's own; handed from thread to thread through the pool.
     std::map<std::uint64_t, Watched> watched_;
     std::deque<std::uint64_t> waitingForMemory_;
+    std::chrono::steady_clock::time_point nextStallCheck_;
 };
 
 }  // namespace Quorvendale::Platform::Details

@@ -1,6 +1,7 @@
 #include "Platform/AppService/RequestScheduler.h"
 
 #include <deque>
+#include <utility>
 
 #include "Platform/AppService/AppServiceChannel.h"
 #include "Platform/AppService/IncomingRequest.h"
@@ -22,13 +23,19 @@ Line& line() {
     return *instance;
 }
 
+// Set on the channel loop's thread while it reads: the jobs it gives.
+thread_local bool deferring = false;
+thread_local std::size_t deferred = 0;
+
+}  // namespace
+
 // A job is added for each request received and each request that ends
 // while others of its connection wait; each job serves the first request in
 // the line that may run now. A job that finds only connections at their
 // limit leaves them out of the line: the end of one of their requests
 // brings them back with a job. So whatever may run has a job; extra jobs
 // (those of a closed connection's dropped requests) find nothing.
-void serveNext() {
+void RequestScheduler::serveNext() {
     Line& waiting = line();
     std::shared_ptr<AppServiceChannel> channel;
     std::shared_ptr<IncomingRequest> request;
@@ -48,15 +55,26 @@ void serveNext() {
     if (channel->finishedServing(joinsTheLine)) RequestScheduler::add(channel, joinsTheLine);
 }
 
-}  // namespace
-
 void RequestScheduler::add(const std::shared_ptr<AppServiceChannel>& channel, bool joinsTheLine) {
     if (joinsTheLine) {
         Line& waiting = line();
         MutexLock lock(waiting.mutex);
         waiting.channels.push_back(channel);
     }
-    ThreadPool::submit(&serveNext);
+    if (deferring) {
+        ++deferred;
+    } else {
+        ThreadPool::submit(&serveNext);
+    }
 }
+
+RequestScheduler::DeferJobs::DeferJobs() { deferring = true; }
+
+RequestScheduler::DeferJobs::~DeferJobs() {
+    deferring = false;
+    for (std::size_t jobs = takeJobs(); jobs > 0; --jobs) ThreadPool::submit(&serveNext);
+}
+
+std::size_t RequestScheduler::DeferJobs::takeJobs() { return std::exchange(deferred, 0); }
 
 }  // namespace Quorvendale::Platform::Details

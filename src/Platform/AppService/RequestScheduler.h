@@ -6,6 +6,7 @@
 // however many it has queued.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 namespace Quorvendale::Platform::Details {
@@ -17,6 +18,20 @@ public:
     // The channel has one request more to serve; joinsTheLine when it had
     // none waiting before, so that it has no place in the line yet.
     static void add(const std::shared_ptr<AppServiceChannel>& channel, bool joinsTheLine);
+
+    // For the channel loop: while a thread holds one, the jobs that add()
+    // would give the pool are counted instead, for that thread to serve or
+    // give away (takeJobs); so the thread that read a request may serve it.
+    class DeferJobs {
+    public:
+        DeferJobs();
+        ~DeferJobs();
+        DeferJobs(const DeferJobs&) = delete;
+        DeferJobs& operator=(const DeferJobs&) = delete;
+        static std::size_t takeJobs();
+    };
+    // One job: serves the first request in the line that may run now.
+    static void serveNext();
 };
 
 }  // namespace Quorvendale::Platform::Details

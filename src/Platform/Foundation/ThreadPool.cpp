@@ -37,6 +37,16 @@ public:
         }
     }
 
+    bool handOff(std::function<void()>& job) {
+        {
+            MutexLock lock(mutex_);
+            if (idle_ <= jobs_.size()) return false;
+            jobs_.push_front(std::move(job));
+        }
+        wake_.notify_one();
+        return true;
+    }
+
 private:
     void work() {
         MutexLock lock(mutex_);
@@ -74,5 +84,7 @@ Pool& pool() {
 }  // namespace
 
 void ThreadPool::submit(std::function<void()> job) { pool().submit(std::move(job)); }
+
+bool ThreadPool::handOff(std::function<void()>& job) { return pool().handOff(job); }
 
 }  // namespace Quorvendale::Platform

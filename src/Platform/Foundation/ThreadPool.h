@@ -15,6 +15,9 @@ class QV_PLATFORM_API ThreadPool {
 public:
     // Queues a job. Jobs must not throw; an escaping exception is dropped.
     static void submit(std::function<void()> job);
+    // Gives the job to a thread that is idle now, ahead of queued jobs; false,
+    // and the job not taken, when every thread is busy.
+    static bool handOff(std::function<void()>& job);
 };
 
 }  // namespace Quorvendale::Platform
