@@ -1,7 +1,5 @@
 #include "Platform/AppService/AppServiceChannel.h"
 
-#include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -80,9 +78,6 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
         // Registered before the frame leaves: the answer may beat write() back.
         waiting_.emplace(requestId, completion);
     }
-    completion.whileWaiting([channel = weak_from_this()](const std::function<bool()>& answered) {
-        if (const auto self = channel.lock()) self->readWhileWaiting(answered);
-    });
     auto frame = AppServiceFrame{AppServiceFrame::Kind::Request, requestId, message}.encode();
     if (!frame || !write(std::move(*frame), false)) {
         answer(requestId, frame ? failed()
@@ -174,8 +169,8 @@ bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
 
 // Answers that left may make room for more requests, and a queue that began
 // changes what the loop watches. The loop is told only then, so a frame that
-// leaves whole at once wakes it not. (A queue empties only in flush(), on
-// the loop's thread, which looks at the channel again after it.)
+// leaves whole at once wakes it not. (A queue empties only in flush(), in
+// the loop, which looks at the channel again after it.)
 void AppServiceChannel::afterSending(std::size_t answersSent, bool queued) {
     bool reconsider = queued;
     {
@@ -200,53 +195,24 @@ void AppServiceChannel::dropQueue() {
     sentOfFirst_ = 0;
 }
 
-AppServiceChannel::Interest AppServiceChannel::interestLocked() const {
+AppServiceChannel::Interest AppServiceChannel::interest() const {
+    MutexLock lock(mutex_);
     if (closed_) return {.ended = true};
     if (peerGone_) return {.peerGone = true};
-    return {.read = mayRead() && reader_ != Reader::Caller,
+    return {.read = inFlight_ < maximumRequestsInFlight && !waitingForMemory_,
             .write = !outgoing_.empty() && !sending_,
             .waitingForMemory = waitingForMemory_};
 }
 
-// Past its limit of requests in flight, or short of frame memory, the
-// channel reads no more until answers have left or memory came free.
-bool AppServiceChannel::mayRead() const {
-    return !closed_ && !peerGone_ && inFlight_ < maximumRequestsInFlight && !waitingForMemory_;
-}
-
-AppServiceChannel::Interest AppServiceChannel::watch() {
-    MutexLock lock(mutex_);
-    watchLocked();
-    return interestLocked();
-}
-
-void AppServiceChannel::watchLocked() {
-    const Interest interest = interestLocked();
-    const std::uint32_t events =
-        (interest.read ? EPOLLIN : 0u) | (interest.write ? EPOLLOUT : 0u);
-    // A socket waited on for nothing is out of epoll: a hang-up, which epoll
-    // reports whatever it is asked, would otherwise wake the loop without end
-    // while the channel is at its limit of requests.
-    const bool watched = ChannelLoop::instance().changeWatch(socket_.get(), id_, watching_, events);
-    watching_ = events;
-    // A socket that cannot be watched is a connection that cannot be served.
-    if (!watched) peerGone_ = true;
-}
-
 void AppServiceChannel::closeIfStalled(bool othersWaitForMemory) {
     const auto now = std::chrono::steady_clock::now();
-    if (othersWaitForMemory && takeReading(Reader::Loop)) {
-        const bool stalled =
-            incoming_.reserved > 0 && now - incoming_.lastProgress >= stalledPeerLimit;
-        const std::size_t held = incoming_.received;
-        giveReadingBack();
-        if (stalled) {
-            logLine("closing an app-service connection whose peer stopped sending in the middle "
-                    "of a frame (" + std::to_string(held >> 10) +
-                    " KiB held for it while others wait)");
-            close(true);
-            return;
-        }
+    if (othersWaitForMemory && incoming_.reserved > 0 &&
+        now - incoming_.lastProgress >= stalledPeerLimit) {
+        logLine("closing an app-service connection whose peer stopped sending in the middle of "
+                "a frame (" + std::to_string(incoming_.received >> 10) +
+                " KiB held for it while others wait)");
+        close(true);
+        return;
     }
     std::size_t unread = 0;
     {
@@ -310,91 +276,37 @@ void AppServiceChannel::raiseEnd(bool byPeer) {
 }
 
 void AppServiceChannel::readSome() {
-    {
-        MutexLock lock(mutex_);
-        waitingForMemory_ = false;  // memory may have come free: it asks again
-        if (reader_ != Reader::None || !mayRead()) return;
-        reader_ = Reader::Loop;
-    }
-    readFrame(sliceSize);
-    giveReadingBack();
-}
-
-// The reader's turn: while nothing else reads and the channel may read.
-// A waiting caller takes the socket out of the loop's epoll meanwhile, so
-// that what arrives wakes only the caller.
-bool AppServiceChannel::takeReading(Reader reader) {
-    MutexLock lock(mutex_);
-    if (reader_ != Reader::None || (reader == Reader::Caller && !mayRead())) return false;
-    reader_ = reader;
-    if (reader == Reader::Caller) watchLocked();
-    return true;
-}
-
-void AppServiceChannel::giveReadingBack() {
-    bool tellTheLoop = false;
-    {
-        MutexLock lock(mutex_);
-        const Reader was = std::exchange(reader_, Reader::None);
-        if (was != Reader::Caller) return;
-        // The loop dropped no frame of a channel that ended meanwhile.
-        if (closed_) forgetPartialFrame();
-        watchLocked();
-        // The loop still holds the channel; it keeps count of those waiting
-        // for memory and ends those whose peer is gone.
-        tellTheLoop = closed_ || peerGone_ || waitingForMemory_;
-    }
-    if (tellTheLoop) ChannelLoop::instance().reconsider(id_);
-}
-
-// On a thread waiting for an answer on this channel: reads frames until
-// the answer has come, as the loop would (other answers and requests go
-// where they belong), so that neither the loop nor a hand-off stands
-// between the answer and its waiter. The loop reads on when this stops.
-void AppServiceChannel::readWhileWaiting(const std::function<bool()>& answered) {
-    if (!takeReading(Reader::Caller)) return;
-    // Each wait is bounded so that an operation ended otherwise (cancelled)
-    // lets its thread go.
-    constexpr int checkMilliseconds = 100;
-    while (!answered()) {
-        pollfd readable{.fd = socket_.get(), .events = POLLIN, .revents = 0};
-        const int ready = ::poll(&readable, 1, checkMilliseconds);
-        if (ready < 0 && errno != EINTR) break;
-        if (ready > 0 && !readFrame(sliceSize)) break;
-    }
-    giveReadingBack();
-}
-
-// Receives what has arrived, up to a frame, and hands a whole frame on;
-// false once the channel may read no more (it ended, it waits for memory,
-// it is at its limit of requests).
-bool AppServiceChannel::readFrame(std::size_t budget) {
+    waitingForMemory_ = false;  // memory may have come free: it asks again
+    if (!interest().read) return;
+    std::size_t budget = sliceSize;
     Received received = Received::Ended;
     try {
         received = receive(budget);
     } catch (const MalformedFrame&) {  // a length over the limit
     } catch (const std::bad_alloc&) {
     }
-    if (received == Received::Ended) {
-        close(true);
-        return false;
-    }
-    if (received == Received::Frame) {
-        std::optional<AppServiceFrame> frame;
-        try {
-            frame = AppServiceFrame::decode({incoming_.body.get(), incoming_.bodySize});
-        } catch (const MalformedFrame&) {
-        } catch (const std::bad_alloc&) {
-        }
-        forgetPartialFrame();
-        if (!frame) {
+    switch (received) {
+        case Received::Ended:
             close(true);
-            return false;
+            break;
+        case Received::Waiting:
+            break;
+        case Received::Frame: {
+            std::optional<AppServiceFrame> frame;
+            try {
+                frame = AppServiceFrame::decode({incoming_.body.get(), incoming_.bodySize});
+            } catch (const MalformedFrame&) {
+            } catch (const std::bad_alloc&) {
+            }
+            forgetPartialFrame();
+            if (frame) {
+                dispatch(std::move(*frame));
+            } else {
+                close(true);
+            }
+            break;
         }
-        dispatch(std::move(*frame));
     }
-    MutexLock lock(mutex_);
-    return mayRead();
 }
 
 // Receives into the frame on its way until it is whole, the socket has no
@@ -419,7 +331,6 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
         if (frame.received + step > frame.reserved) {
             const std::size_t more = frame.received + step - frame.reserved;
             if (!FrameMemory::tryReserve(more)) {
-                MutexLock lock(mutex_);
                 waitingForMemory_ = true;
                 return Received::Waiting;
             }
@@ -457,13 +368,7 @@ bool AppServiceChannel::receiveInto(char* into, std::size_t size, std::size_t& r
 void AppServiceChannel::forgetPartialFrame() {
     FrameMemory::release(incoming_.reserved);
     incoming_ = PartialFrame{};
-}
-
-void AppServiceChannel::dropPartialFrame() {
-    // A caller reading now drops it itself when it sees the end.
-    if (!takeReading(Reader::Loop)) return;
-    forgetPartialFrame();
-    giveReadingBack();
+    waitingForMemory_ = false;
 }
 
 void AppServiceChannel::dispatch(AppServiceFrame&& frame) {

@@ -76,8 +76,7 @@ public:
     int socket() const noexcept { return socket_.get(); }
 
     // For the ChannelLoop, on its thread.
-    // Makes the loop's epoll watch what the channel now waits for, and says what that is.
-    Interest watch();
+    Interest interest() const;
     // Receives what has arrived, up to one frame or a slice of a large one.
     void readSome();
     // Sends what the socket takes now.
@@ -85,8 +84,7 @@ public:
     // Ends the connection if its peer has stopped reading, or has stopped
     // sending in the middle of a frame while others wait for frame memory.
     void closeIfStalled(bool othersWaitForMemory);
-    // The frame on its way in is dropped, unless a waiting caller reads.
-    void dropPartialFrame();
+    void forgetPartialFrame();
 
     // For the RequestScheduler: the oldest request not yet served, if the
     // channel is not at its limit of running requests, and whether another
@@ -98,11 +96,6 @@ public:
     bool finishedServing(bool& joinsTheLine);
 
 private:
-    // Who receives from the socket now: the loop, on its turn, or a thread
-    // waiting for an answer (readWhileWaiting). The frame on its way in is
-    // the reader's; the lock hands it from one to the next.
-    enum class Reader { None, Loop, Caller };
-
     struct Outgoing {
         std::string frame;
         bool isAnswer;
@@ -126,14 +119,6 @@ private:
     bool sendQueued(std::size_t& answersSent) QV_REQUIRES(mutex_);
     void afterSending(std::size_t answersSent, bool queued);
     void dropQueue() QV_REQUIRES(mutex_);
-    Interest interestLocked() const QV_REQUIRES(mutex_);
-    void watchLocked() QV_REQUIRES(mutex_);
-    bool mayRead() const QV_REQUIRES(mutex_);
-    bool takeReading(Reader reader);
-    void giveReadingBack();
-    void readWhileWaiting(const std::function<bool()>& answered);
-    bool readFrame(std::size_t budget);
-    void forgetPartialFrame();
     enum class Received { Frame, Waiting, Ended };
     Received receive(std::size_t& budget);
     bool receiveInto(char* into, std::size_t size, std::size_t& received);
@@ -146,8 +131,9 @@ private:
     const std::weak_ptr<ConnectionObject> owner_;
     const std::uint64_t id_;
 
-    // The reader's own.
+    // The loop's own, on the thread running its turn.
     PartialFrame incoming_;
+    bool waitingForMemory_ = false;
 
     // Taken after an IncomingRequest's lock, before the RequestScheduler's
     // is let go, and never with another channel's. One thread at a time
@@ -160,10 +146,6 @@ private:
     std::size_t sentOfFirst_ QV_GUARDED_BY(mutex_) = 0;
     // A thread is sending the queue's first frame, outside the lock.
     bool sending_ QV_GUARDED_BY(mutex_) = false;
-    Reader reader_ QV_GUARDED_BY(mutex_) = Reader::None;
-    bool waitingForMemory_ QV_GUARDED_BY(mutex_) = false;
-    // What the loop's epoll watches the socket for; 0: it is not in epoll.
-    std::uint32_t watching_ QV_GUARDED_BY(mutex_) = 0;
     std::size_t queuedBytes_ QV_GUARDED_BY(mutex_) = 0;
     // When the peer last took bytes, or when the queue last became non-empty.
     std::chrono::steady_clock::time_point lastSent_ QV_GUARDED_BY(mutex_);

@@ -146,7 +146,7 @@ void ChannelLoop::takePosted() {
         memoryReleased = std::exchange(memoryReleased_, false);
     }
     for (const auto& channel : added) {
-        watched_[channel->id()] = Watched{.channel = channel};
+        watched_[channel->id()] = Watched{.channel = channel, .socket = channel->socket()};
         update(channel->id());
     }
     for (const std::uint64_t id : reconsidered) update(id);
@@ -162,13 +162,16 @@ void ChannelLoop::update(std::uint64_t id) {
     Watched& watched = found->second;
     const std::shared_ptr<AppServiceChannel> channel = watched.channel.lock();
     AppServiceChannel::Interest interest =
-        channel ? channel->watch() : AppServiceChannel::Interest{.ended = true};
+        channel ? channel->interest() : AppServiceChannel::Interest{.ended = true};
     if (interest.peerGone) {
         channel->close(true);
-        interest = channel->watch();
+        interest = {.ended = true};
     }
     if (interest.ended) {
-        if (channel) channel->dropPartialFrame();
+        if (channel) {
+            if (watched.events != 0) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.socket, nullptr);
+            channel->forgetPartialFrame();
+        }
         watched_.erase(found);
         return;
     }
@@ -176,16 +179,24 @@ void ChannelLoop::update(std::uint64_t id) {
         watched.waitingForMemory = true;
         waitingForMemory_.push_back(id);
     }
-}
-
-bool ChannelLoop::changeWatch(int socket, std::uint64_t channelId, std::uint32_t from,
-                              std::uint32_t to) {
-    if (to == from) return true;
-    if (to == 0) return ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr) == 0;
-    epoll_event event{};
-    event.events = to;
-    event.data.u64 = channelId;
-    return ::epoll_ctl(epoll_.get(), from == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, socket, &event) == 0;
+    const std::uint32_t events = (interest.read ? EPOLLIN : 0u) | (interest.write ? EPOLLOUT : 0u);
+    if (events == watched.events) return;
+    // A socket waited on for nothing is out of epoll: a hang-up, which epoll
+    // reports whatever it is asked, would otherwise wake the loop without end
+    // while the channel is at its limit of requests.
+    int failed = 0;
+    if (events == 0) {
+        failed = ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.socket, nullptr);
+    } else {
+        epoll_event event{};
+        event.events = events;
+        event.data.u64 = id;
+        failed = ::epoll_ctl(epoll_.get(), watched.events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD,
+                             watched.socket, &event);
+    }
+    watched.events = events;
+    // A socket that cannot be watched is a connection that cannot be served.
+    if (failed != 0) channel->close(true);
 }
 
 void ChannelLoop::forget(int socket) { ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr); }

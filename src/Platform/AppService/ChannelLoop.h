@@ -10,11 +10,9 @@
 // those that send a little. Thousands of connections cost a descriptor and a
 // few hundred bytes each, not a thread.
 //
-// What epoll watches a channel's socket for changes under the channel's
-// lock: the loop's thread changes it, and so does a thread that waits for an
-// answer and reads it itself. Another thread that changes what a channel
-// waits for (an answer queued, a request answered, the channel closed) asks
-// the loop to reconsider that channel.
+// Only the loop (the thread running its turn) changes what epoll watches:
+// another thread that changes what a channel waits for (an answer queued, a
+// request answered, the channel closed) asks the loop to reconsider it.
 #pragma once
 
 #include <chrono>
@@ -41,9 +39,6 @@ public:
     void add(const std::shared_ptr<AppServiceChannel>& channel);
     // What the channel waits for has changed.
     void reconsider(std::uint64_t channelId);
-    // Makes epoll watch the socket for `to` (EPOLLIN, EPOLLOUT) instead of
-    // `from`; none: out of epoll. False if epoll refused.
-    bool changeWatch(int socket, std::uint64_t channelId, std::uint32_t from, std::uint32_t to);
     // Takes the socket out of epoll; for a channel's destructor, before its
     // socket closes.
     void forget(int socket);
@@ -53,6 +48,8 @@ public:
 private:
     struct Watched {
         std::weak_ptr<AppServiceChannel> channel;
+        int socket = -1;
+        std::uint32_t events = 0;  // what epoll watches for; none: not in epoll
         bool waitingForMemory = false;
     };
 

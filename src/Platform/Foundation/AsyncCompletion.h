@@ -27,14 +27,6 @@ public:
         return operation_.finish(AsyncStatus::Error, std::nullopt, std::move(error));
     }
 
-    // Work for a thread that waits for the operation (IAsyncOperation::wait):
-    // it runs on one such thread at most, and returns once the operation has
-    // ended (the test it is given) or it can do no more.
-    void whileWaiting(std::function<void(const std::function<bool()>&)> work) const {
-        MutexLock lock(operation_.state_->mutex);
-        operation_.state_->whileWaiting = std::move(work);
-    }
-
 private:
     IAsyncOperation<T> operation_;
 };

@@ -31,10 +31,6 @@ template <class T>
 struct AsyncState {
     Mutex mutex;
     std::condition_variable ended;
-    // What a thread that waits may do meanwhile, from the producer (an
-    // app-service request reads its own response), given a test of whether
-    // the operation has ended.
-    std::function<void(const std::function<bool()>&)> whileWaiting QV_GUARDED_BY(mutex);
     AsyncStatus status QV_GUARDED_BY(mutex) = AsyncStatus::Started;
     std::optional<T> result QV_GUARDED_BY(mutex);
     HResultError error QV_GUARDED_BY(mutex){S_OK};
@@ -85,16 +81,8 @@ public:
         throw HResultError(E_ILLEGAL_METHOD_CALL);
     }
 
-    // Blocks until the operation has ended. The producer may put the
-    // waiting thread to work meanwhile, on what ends the operation.
+    // Blocks until the operation has ended, leaving Completed to others.
     void wait() const {
-        std::function<void(const std::function<bool()>&)> work;
-        {
-            MutexLock lock(state_->mutex);
-            if (state_->status != AsyncStatus::Started) return;
-            work = std::move(state_->whileWaiting);
-        }
-        if (work) work([this] { return Status() != AsyncStatus::Started; });
         MutexLock lock(state_->mutex);
         while (state_->status == AsyncStatus::Started) state_->ended.wait(lock.forWaiting());
     }
@@ -120,7 +108,6 @@ private:
             state_->error = std::move(error);
             state_->status = status;
             handler = std::move(state_->completed);
-            state_->whileWaiting = nullptr;
         }
         state_->ended.notify_all();
         if (handler) handler(*this, status);

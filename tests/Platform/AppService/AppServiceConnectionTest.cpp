@@ -3,9 +3,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <mutex>
-#include <thread>
-#include <vector>
 
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/AppService/AppServiceFrame.h"
@@ -75,67 +72,6 @@ TEST(AppServiceConnection, AMessageOverTheLimitIsRefusedAndTheConnectionGoesOn) 
     EXPECT_EQ(await(pair.client.SendMessageAsync(huge)).Status(),
               AppServiceResponseStatus::MessageSizeTooLarge);
     EXPECT_EQ(await(pair.client.SendMessageAsync(numbered(3))).Status(),
-              AppServiceResponseStatus::Success);
-}
-
-// A thread that waits for its answer reads the socket itself: it must hand
-// on whatever else arrives (other threads' answers, the peer's requests),
-// and let go once its operation has ended otherwise.
-TEST(AppServiceConnection, WaitingThreadsReadForEachOtherAndForThePeer) {
-    constexpr int waiters = 8;
-    std::mutex heldMutex;
-    std::vector<AppServiceDeferral> held;
-    const Pair pair;
-    pair.service.RequestReceived([&](auto&, const AppServiceRequestReceivedEventArgs& args) {
-        const std::int64_t n = unbox_value<std::int64_t>(args.Request().Message().Lookup(u"n"));
-        const std::lock_guard lock(heldMutex);
-        if (n < 0) {
-            held.push_back(args.GetDeferral());  // never answered
-            return;
-        }
-        // Answered last to first, so that most arrive while another waits.
-        ThreadPool::submit([request = args.Request(), deferral = args.GetDeferral(), n] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2 * (waiters - n)));
-            request.SendResponseAsync(numbered(n));
-            deferral.Complete();
-        });
-    });
-    std::atomic<int> peerRequests{0};
-    pair.client.RequestReceived([&](auto&, const AppServiceRequestReceivedEventArgs& args) {
-        ++peerRequests;
-        args.Request().SendResponseAsync(ValueSet());
-    });
-    std::atomic<int> rightAnswers{0};
-    std::vector<std::thread> threads;
-    for (int k = 0; k < waiters; ++k) {
-        threads.emplace_back([&, k] {
-            const auto operation = pair.client.SendMessageAsync(numbered(k));
-            operation.wait();
-            const ValueSet answer = operation.GetResults().Message();
-            if (answer.HasKey(u"n") && unbox_value<std::int64_t>(answer.Lookup(u"n")) == k) {
-                ++rightAnswers;
-            }
-        });
-    }
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(await(pair.service.SendMessageAsync(ValueSet())).Status(),
-                  AppServiceResponseStatus::Success);
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(rightAnswers, waiters);
-    EXPECT_EQ(peerRequests, 4);
-
-    const auto unanswered = pair.client.SendMessageAsync(numbered(-1));
-    std::thread canceller([unanswered] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        unanswered.Cancel();
-    });
-    const auto start = std::chrono::steady_clock::now();
-    unanswered.wait();
-    canceller.join();
-    EXPECT_EQ(unanswered.Status(), AsyncStatus::Canceled);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-    EXPECT_EQ(await(pair.client.SendMessageAsync(numbered(1))).Status(),
               AppServiceResponseStatus::Success);
 }
 

@@ -99,6 +99,18 @@ TEST(AsyncOperation, EndsOnceAndTellsHow) {
     EXPECT_FALSE(pending.Complete(3));
     EXPECT_EQ(pending.operation().Status(), AsyncStatus::Canceled);
     EXPECT_EQ(raisedBy([&] { pending.operation().GetResults(); }).code(), ERROR_CANCELLED);
+
+    // wait() sleeps until another thread ends it, and leaves Completed free.
+    AsyncCompletion<int> waited;
+    std::thread completer([waited] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        waited.Complete(7);
+    });
+    waited.operation().wait();
+    completer.join();
+    EXPECT_EQ(waited.operation().GetResults(), 7);
+    waited.operation().Completed([&](auto&, AsyncStatus) { calls += 10; });
+    EXPECT_EQ(calls, 12);
 }
 
 TEST(Event, TokensRemoveTheirOwnHandlerAndAThrowingHandlerStopsNoOther) {
