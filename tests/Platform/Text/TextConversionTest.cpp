@@ -33,5 +33,21 @@ TEST(TextConversion, UnpairedSurrogatesBecomeReplacements) {
     EXPECT_EQ(utf16ToUtf8(u"\xD83D\xD83D\xDE00"s), "\uFFFD\U0001F600");
 }
 
+// Long ASCII runs convert by blocks: a zero or a wider character anywhere
+// in a block must still be seen where it stands.
+TEST(TextConversion, AZeroOrAWideCharacterIsSeenAtEveryPlaceInABlock) {
+    for (std::size_t at = 0; at < 40; ++at) {
+        std::string ascii(40, 'a');
+        ascii[at] = '\0';
+        EXPECT_EQ(utf8ToUtf16(ascii), std::u16string(at, u'a')) << at;
+        EXPECT_EQ(utf16ToUtf8(std::u16string(ascii.begin(), ascii.end())), ascii.substr(0, at)) << at;
+        std::u16string wide(40, u'a');
+        wide[at] = u'\u00E9';
+        const std::string narrow = std::string(at, 'a') + "\u00E9" + std::string(39 - at, 'a');
+        EXPECT_EQ(utf16ToUtf8(wide), narrow) << at;
+        EXPECT_EQ(utf8ToUtf16(narrow), wide) << at;
+    }
+}
+
 }  // namespace
 }  // namespace Quorvendale::Platform
