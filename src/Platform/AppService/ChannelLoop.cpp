@@ -85,16 +85,13 @@ void ChannelLoop::wake() {
 // requests wait for pool threads, as every other job.)
 void ChannelLoop::run() {
     for (;;) {
-        std::size_t jobs = 0;
-        {
-            const RequestScheduler::DeferJobs defer;
-            try {
-                turn();
-            } catch (...) {
-                // The loop outlives a turn that could not get memory.
-            }
-            jobs = RequestScheduler::DeferJobs::takeJobs();
+        RequestScheduler::holdJobs();
+        try {
+            turn();
+        } catch (...) {
+            // The loop outlives a turn that could not get memory.
         }
+        const std::size_t jobs = RequestScheduler::takeHeldJobs();
         if (jobs == 0) continue;
         std::function<void()> rest = [this] { run(); };
         const bool handedOff = ThreadPool::handOff(rest);

@@ -23,9 +23,9 @@ Line& line() {
     return *instance;
 }
 
-// Set on the channel loop's thread while it reads: the jobs it gives.
-thread_local bool deferring = false;
-thread_local std::size_t deferred = 0;
+// Set on the channel loop's thread during a turn: the jobs it gives.
+thread_local bool holding = false;
+thread_local std::size_t held = 0;
 
 }  // namespace
 
@@ -61,20 +61,18 @@ void RequestScheduler::add(const std::shared_ptr<AppServiceChannel>& channel, bo
         MutexLock lock(waiting.mutex);
         waiting.channels.push_back(channel);
     }
-    if (deferring) {
-        ++deferred;
+    if (holding) {
+        ++held;
     } else {
         ThreadPool::submit(&serveNext);
     }
 }
 
-RequestScheduler::DeferJobs::DeferJobs() { deferring = true; }
+void RequestScheduler::holdJobs() { holding = true; }
 
-RequestScheduler::DeferJobs::~DeferJobs() {
-    deferring = false;
-    for (std::size_t jobs = takeJobs(); jobs > 0; --jobs) ThreadPool::submit(&serveNext);
+std::size_t RequestScheduler::takeHeldJobs() {
+    holding = false;
+    return std::exchange(held, 0);
 }
-
-std::size_t RequestScheduler::DeferJobs::takeJobs() { return std::exchange(deferred, 0); }
 
 }  // namespace Quorvendale::Platform::Details

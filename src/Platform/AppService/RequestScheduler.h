@@ -19,17 +19,12 @@ public:
     // none waiting before, so that it has no place in the line yet.
     static void add(const std::shared_ptr<AppServiceChannel>& channel, bool joinsTheLine);
 
-    // For the channel loop: while a thread holds one, the jobs that add()
-    // would give the pool are counted instead, for that thread to serve or
-    // give away (takeJobs); so the thread that read a request may serve it.
-    class DeferJobs {
-    public:
-        DeferJobs();
-        ~DeferJobs();
-        DeferJobs(const DeferJobs&) = delete;
-        DeferJobs& operator=(const DeferJobs&) = delete;
-        static std::size_t takeJobs();
-    };
+    // For the channel loop: from holdJobs() to takeHeldJobs() on one thread,
+    // the jobs that add() would give the pool are counted instead, for that
+    // thread to serve or give away; so the thread that read a request may
+    // serve it.
+    static void holdJobs();
+    static std::size_t takeHeldJobs();
     // One job: serves the first request in the line that may run now.
     static void serveNext();
 };
