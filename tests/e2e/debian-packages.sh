@@ -50,7 +50,7 @@ cat >"$work/consumer/consumer.cpp" <<'CPP'
 #include <Quorvendale/Client.hpp>
 #include <iostream>
 int main() {
-    std::cout << Quorvendale::Client::Library().local()->read("g", "k") << '\n';
+    std::cout << Quorvendale::Client::Library().local().read("g", "k") << '\n';
 }
 CPP
 g++ -std=c++17 -o "$work/consumer/consumer" "$work/consumer/consumer.cpp" \

@@ -48,10 +48,9 @@ cat >"$work/consumer/consumer.cpp" <<'CPP'
 #include <Quorvendale/Client.hpp>
 #include <iostream>
 int main() {
-    auto storage = Quorvendale::Client::Library(LIBRARY).local();
-    if (!storage) return 1;
-    storage->write("consumer", "k", "from find_package");
-    std::cout << storage->read("consumer", "k") << '\n';
+    const auto storage = Quorvendale::Client::Library(LIBRARY).local();
+    storage.write("consumer", "k", "from find_package");
+    std::cout << storage.read("consumer", "k") << '\n';
 }
 CPP
 cmake -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
