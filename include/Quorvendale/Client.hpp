@@ -318,11 +318,17 @@ inline bool isTooLarge(std::string_view message) {
                                    "The key is too long: "});
 }
 
+// What a failed call asked for: only a read or a next can miss their key (a
+// write of the alias "default" fails with the same text when the alias names
+// no key, which is a failure of the store, not a missing key).
+enum class Asked { key, other };
+
 // The one place where a failing call becomes an exception of its kind.
-[[noreturn]] inline void raise(ResultCode code, const std::string& text, ClientKind kind) {
+[[noreturn]] inline void raise(ResultCode code, const std::string& text, ClientKind kind,
+                               Asked asked = Asked::key) {
     const Error error(code, text);
     const std::string message = error.message();
-    if (isMissingKey(message)) throw NotFound(code, text);
+    if (asked == Asked::key && isMissingKey(message)) throw NotFound(code, text);
     if (isTooLarge(message)) throw TooLarge(text);
     if (kind == ClientKind::remote ? !isStoreMessage(message) : isConnectionStatus(message)) {
         throw Unreachable(code, text, kind == ClientKind::remote ? "" : message);
@@ -332,8 +338,9 @@ inline bool isTooLarge(std::string_view message) {
 
 // Throws the Error of a failing code, with the text of the same thread.
 template <class I>
-void check(ResultCode code, I* object, ClientKind kind = ClientKind::other) {
-    if (code != QV_S_OK) raise(code, failureText(object), kind);
+void check(ResultCode code, I* object, ClientKind kind = ClientKind::other,
+           Asked asked = Asked::other) {
+    if (code != QV_S_OK) raise(code, failureText(object), kind, asked);
 }
 
 inline std::string byteAt(std::string_view text, std::size_t offset) {
@@ -467,7 +474,7 @@ public:
         Detail::StringOut value;
         Detail::check(client_->table->read(client_.get(), g.bytes, g.length, k.bytes, k.length,
                                            &value, &Detail::StringOut::allocate),
-                      client_.get(), kind_);
+                      client_.get(), kind_, Detail::Asked::key);
         return value.take();
     }
 
@@ -502,7 +509,7 @@ public:
         Detail::StringOut following;
         Detail::check(client_->table->next(client_.get(), g.bytes, g.length, k.bytes, k.length,
                                            &following, &Detail::StringOut::allocate),
-                      client_.get(), kind_);
+                      client_.get(), kind_, Detail::Asked::key);
         return following.take();
     }
 

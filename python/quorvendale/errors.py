@@ -71,10 +71,14 @@ def _is_missing_key(message: str) -> bool:
         message.startswith("Read file error: file ") and message.endswith(" is not exist"))
 
 
-def error_of(code: int, report: str, remote: bool) -> Error:
-    """The exception for an operation that failed with `code` and `report`."""
+def error_of(code: int, report: str, remote: bool, asked_key: bool = True) -> Error:
+    """The exception for an operation that failed with `code` and `report`.
+
+    Only an operation that asked for a key (read, next) can miss it: a write
+    of the alias "default" that names no key fails with the same text, a
+    failure of the store."""
     message = message_of(report) or "failed with result 0x%08X and no message" % code
-    if _is_missing_key(message):
+    if asked_key and _is_missing_key(message):
         return NotFound(message, code, report)
     if message.startswith(_TOO_LARGE):
         return TooLarge(message, code, report)

@@ -126,9 +126,9 @@ class Store:
             return _utf8("the group", group), _utf8("the key", key)
         return _local_name("the group", group), _local_name("the key", key)
 
-    def _check(self, code: int) -> None:
+    def _check(self, code: int, asked_key: bool = False) -> None:
         if code != _contract.S_OK:
-            raise error_of(code, _contract.failure_text(self._client), self._remote)
+            raise error_of(code, _contract.failure_text(self._client), self._remote, asked_key)
 
     def read(self, group: Text, key: Text, default=_MISSING) -> str:
         """The value under `key` in `group`; `default` if given and the key is
@@ -163,7 +163,7 @@ class Store:
         k = self._names(group, key)[1] if key else b""
         code, following = _contract.call_with_output(self._table().next, self._client,
                                                      g, len(g), k, len(k))
-        self._check(code)
+        self._check(code, asked_key=True)
         return following.decode("utf-8", "replace")
 
     def keys(self, group: Text) -> Iterator[str]:

@@ -61,6 +61,7 @@ def test_the_library_texts_are_recognised():
         return type(error_of(0x80004005, text, remote)).__name__
     report = "Exception:\n\tfile: f\n\tfunction: f\n\tline: 1\n\tmessage: "
     assert kind(report + "Invalid key") == "NotFound"
+    assert type(error_of(1, report + "Invalid key", False, asked_key=False)) is quorvendale.Error
     assert kind(report + "AppNotInstalled") == "Unreachable"
     assert kind("response.Status() != TResponseStatus::Success in x") == "Error"
     assert kind("The value is too large: 32505857 bytes, the largest the local client carries "

@@ -158,6 +158,14 @@ TEST(ClientErrors, EachTextIsRecognisedAsItsKind) {
             EXPECT_EQ(error.what(), text);
         }
     }
+    // A write of the alias "default" that names no key fails with a missing
+    // file's text: a failure of the store, not a missing key.
+    try {
+        Detail::raise(QV_E_FAIL, std::get<0>(cases[0]), ClientKind::local, Detail::Asked::other);
+    } catch (const NotFound&) {
+        ADD_FAILURE() << "a write's failure taken for a missing key";
+    } catch (const Error&) {
+    }
 }
 
 // A local client's input is checked before anything is sent: here a remote

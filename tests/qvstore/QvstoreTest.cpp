@@ -214,6 +214,8 @@ TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
     const ProgramRun quiet = qvstore({"-q", "read", group, "missing"});
     EXPECT_EQ(quiet.exitStatus + quiet.output.size() + quiet.errors.size(), 1u) << quiet.errors;
     expectRun(qvstore({"remove", group, "missing"}), 0, "");
+    expectFailure(qvstore({"write", group, "default", "v"}), 4,  // the alias names no key
+                  "write " + group + " default: Read file error: file ");
 
     expectFailure(qvstore({"write", group, "k"}, std::string("a\0b", 3)), 2,
                   "write " + group + " k: refused: the value holds byte 0x00");
