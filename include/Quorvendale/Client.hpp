@@ -194,10 +194,12 @@ private:
 // Input the store cannot hold as given, refused before anything is sent: for
 // the local service a group or key that is not one file name, a value that is
 // not UTF-8 text or holds NUL or 0x1A (the service would store it changed).
-// The code is QV_E_INVALIDARG.
+// The code is QV_E_INVALIDARG where this header refused, the library's own
+// where the library did.
 class Refused : public Error {
 public:
-    explicit Refused(const std::string& text) : Error(QV_E_INVALIDARG, text) {}
+    explicit Refused(const std::string& text, ResultCode code = QV_E_INVALIDARG)
+        : Error(code, text) {}
 };
 
 // A value, group or key larger than the local client carries (largestLocalValue,
@@ -329,7 +331,7 @@ enum class Asked { key, other };
     const Error error(code, text);
     const std::string message = error.message();
     if (asked == Asked::key && isMissingKey(message)) throw NotFound(code, text);
-    if (isTooLarge(message)) throw TooLarge(text);
+    if (isTooLarge(message)) throw TooLarge(text, code);
     if (kind == ClientKind::remote ? !isStoreMessage(message) : isConnectionStatus(message)) {
         throw Unreachable(code, text, kind == ClientKind::remote ? "" : message);
     }

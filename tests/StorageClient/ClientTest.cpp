@@ -151,8 +151,9 @@ TEST(ClientErrors, EachTextIsRecognisedAsItsKind) {
         } catch (const Unreachable& error) {
             EXPECT_EQ(kind, unreachable);
             EXPECT_EQ(error.status(), client == ClientKind::local ? error.message() : "");
-        } catch (const TooLarge&) {
+        } catch (const TooLarge& error) {
             EXPECT_EQ(kind, tooLarge);
+            EXPECT_EQ(error.code(), QV_E_FAIL);  // the library's code
         } catch (const Error& error) {
             EXPECT_EQ(kind, plain);
             EXPECT_EQ(error.what(), text);
