@@ -243,7 +243,7 @@ TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
 }
 
 // 3 only where the service was never reached; a service that answered with a
-// failure is 4, with its text.
+// failure, or a connection cut mid-request, is 4, with its text.
 TEST_F(Qvstore, ExitThreeForAServiceThatFailsToStartFourForOneThatFails) {
     install(" --no-such-option");  // the host refuses to start
     bus_.emplace(services_.path());
@@ -254,6 +254,8 @@ TEST_F(Qvstore, ExitThreeForAServiceThatFailsToStartFourForOneThatFails) {
     startBus(" --entry-point Test.ScriptedService --library \"" QV_SCRIPTED_SERVICE "\"");
     expectFailure(qvstore({"read", "g", "reject"}), 4,
                   "read g reject: rejected by the scripted service\n");
+    // Reached, then cut mid-request, on the first connection and on the retry's.
+    expectFailure(qvstore({"read", "g", "end-the-host"}), 4, "read g end-the-host: ");
 }
 
 // Before anything was started, the bus forgets a service file that is gone.
