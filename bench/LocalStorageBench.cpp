@@ -306,9 +306,10 @@ int main(int argc, char** argv) {
 
     const Client::Library loaded(QV_STORAGE_LIBRARY);
     library = &loaded;
-    storage = loaded.local();
-    if (!storage) {
-        std::fprintf(stderr, "no local client\n");
+    try {
+        storage = loaded.local();
+    } catch (const Client::Error& error) {
+        std::fprintf(stderr, "no local client: %s\n", error.what());
         return 1;
     }
 

@@ -5,10 +5,12 @@
 #   dev      libquorvendalestorageclient-dev: headers, the .so link,
 #            pkg-config and CMake files
 #   tools    quorvendale-tools: qvstore, its man page and bash completion
+#   python   python3-quorvendale: the quorvendale Python package
 get_target_property(QV_SOVERSION QuorvendaleStorageClient SOVERSION)
 set(QV_DEB_RUNTIME libquorvendalestorageclient${QV_SOVERSION})
 set(QV_DEB_DEV libquorvendalestorageclient-dev)
 set(QV_DEB_TOOLS quorvendale-tools)
+set(QV_DEB_PYTHON python3-quorvendale)
 set(QV_DEB_VERSION ${PROJECT_VERSION}-1)
 
 set(CPACK_GENERATOR DEB)
@@ -18,7 +20,7 @@ set(CPACK_PACKAGE_CONTACT "Quorvendale developers <quorvendale@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev tools)
+set(CPACK_COMPONENTS_ALL runtime dev tools python)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -61,5 +63,22 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Quorvendale key-value store from the shell
 qvstore reads, writes, lists, exports and imports the entries of the
 Quorvendale storage service, with one-line errors and exit statuses that a
 script can act on.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME ${QV_DEB_PYTHON})
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+# Pure Python that loads the library at run time, by its SONAME.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, ${QV_DEB_RUNTIME} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+# Byte-compiled on installation and those files removed before removal, as
+# Debian's Python packages are.
+configure_file(${CMAKE_CURRENT_LIST_DIR}/python3-quorvendale.postinst ${CMAKE_CURRENT_BINARY_DIR}/python/postinst COPYONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/python3-quorvendale.prerm ${CMAKE_CURRENT_BINARY_DIR}/python/prerm COPYONLY)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_BINARY_DIR}/python/postinst ${CMAKE_CURRENT_BINARY_DIR}/python/prerm)
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "Quorvendale key-value store from Python
+The quorvendale package reads, writes and lists the entries of the
+Quorvendale storage service: pure Python over the client library's C
+interface, with errors a program can tell apart.")
 
 include(CPack)

@@ -20,8 +20,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quorvendale-apphost.1.gz DESTINATION $
         COMPONENT runtime)
 install(FILES qvstore.bash-completion RENAME qvstore
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
-# One changelog serves all three: the same source and version.
-foreach(component runtime dev tools)
+# One changelog serves them all: the same source and version.
+foreach(component runtime dev tools python)
   string(TOUPPER ${component} upper)
   install(FILES copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${QV_DEB_${upper}} COMPONENT ${component})

@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <fstream>
 #include <functional>
+#include <tuple>
 
 #include "Support/TemporaryFolder.h"
 
@@ -69,7 +71,7 @@ TEST(ClientPtr, EachOwnerHoldsOneReference) {
         EXPECT_EQ(countOf(first), 2u);
     }
     EXPECT_EQ(countOf(first), 1u);
-    EXPECT_THROW(Storage{Ptr<IStorage>()}, std::invalid_argument);
+    EXPECT_THROW(Storage{Ptr<IStorage>()}, Error);
 }
 
 // Every remote operation ends with the address parser's refusal, as E_FAIL,
@@ -112,12 +114,120 @@ TEST(ClientLibrary, LoadFailuresNameThePathAndTheReason) {
         try {
             Library library(path);
             ADD_FAILURE() << "loaded " << path;
-        } catch (const std::runtime_error& error) {
+        } catch (const Error& error) {  // the header's own type, like every failure
             const std::string text = error.what();
             EXPECT_EQ(text.rfind("cannot load " + path + ": ", 0), 0u) << text;
             EXPECT_NE(text.find(reason), std::string::npos) << text;
         }
     }
+}
+
+// The library's texts, as its clients raise them, to the kind a caller catches.
+TEST(ClientErrors, EachTextIsRecognisedAsItsKind) {
+    const std::string report = "Exception:\n\tfile: f.cpp\n\tfunction: f\n\tline: 1\n\tmessage: ";
+    enum Kind { notFound, unreachable, tooLarge, plain };
+    const std::tuple<std::string, ClientKind, Kind> cases[] = {
+        {report + "Read file error: file /x/LocalState/g/k is not exist", ClientKind::local, notFound},
+        {report + "Invalid key", ClientKind::local, notFound},
+        {report + "AppUnavailable", ClientKind::local, unreachable},
+        {"UwpLocalStorageClient::sendMessage: no connection", ClientKind::local, unreachable},
+        // The service answered the connection and then cut it mid-request.
+        {"response.Status() != TResponseStatus::Success in UwpLocalStorageClient::sendMessage",
+         ClientKind::local, plain},
+        {report + "Write file error", ClientKind::local, plain},
+        {"The value is too large: 32505857 bytes, the largest the local client carries is "
+         "32505856 bytes", ClientKind::local, tooLarge},
+        {report + "The key is too long: 300 bytes, the longest the local client carries is 255 "
+                  "bytes", ClientKind::local, tooLarge},
+        {"connect() failed: Connection refused", ClientKind::remote, unreachable},
+        {"Write file error", ClientKind::remote, plain},
+    };
+    for (const auto& [text, client, kind] : cases) {
+        SCOPED_TRACE(text);
+        try {
+            Detail::raise(QV_E_FAIL, text, client);
+        } catch (const NotFound&) {
+            EXPECT_EQ(kind, notFound);
+        } catch (const Unreachable& error) {
+            EXPECT_EQ(kind, unreachable);
+            EXPECT_EQ(error.status(), client == ClientKind::local ? error.message() : "");
+        } catch (const TooLarge& error) {
+            EXPECT_EQ(kind, tooLarge);
+            EXPECT_EQ(error.code(), QV_E_FAIL);  // the library's code
+        } catch (const Error& error) {
+            EXPECT_EQ(kind, plain);
+            EXPECT_EQ(error.what(), text);
+        }
+    }
+    // A write of the alias "default" that names no key fails with a missing
+    // file's text: a failure of the store, not a missing key.
+    try {
+        Detail::raise(QV_E_FAIL, std::get<0>(cases[0]), ClientKind::local, Detail::Asked::other);
+    } catch (const NotFound&) {
+        ADD_FAILURE() << "a write's failure taken for a missing key";
+    } catch (const Error&) {
+    }
+}
+
+// A local client's input is checked before anything is sent: here a remote
+// client stands behind it, whose own refusal shows what got through.
+TEST(ClientErrors, LocalInputIsRefusedBeforeSendingUpToItsLimits) {
+    const Library library(libraryPath);
+    const Storage storage(library.remote("127.0.0.1", 1).ptr(), ClientKind::local);
+    const auto failure = [&](const std::function<void()>& operation) -> std::string {
+        try {
+            operation();
+        } catch (const Refused& refused) {
+            return std::string(dynamic_cast<const TooLarge*>(&refused) ? "TooLarge: " : "Refused: ") +
+                   refused.what();
+        } catch (const Error& error) {
+            return error.message();
+        }
+        return "succeeded";
+    };
+    const std::string sent = "hostname is invalid or requires DNS lookup, which is not supported yet";
+    const std::string largest(largestLocalValue, 'v'), longest(longestLocalName, 'k');
+    EXPECT_EQ(failure([&] { storage.write("g", longest, largest); }), sent);
+    EXPECT_EQ(failure([&] { storage.write("g", "k", largest + "v"); }),
+              "TooLarge: The value is too large: 32505857 bytes, the largest the local client "
+              "carries is 32505856 bytes");
+    EXPECT_EQ(failure([&] { storage.read(longest + "g", "k"); }),
+              "TooLarge: The group is too long: 256 bytes, the longest the local client carries "
+              "is 255 bytes");
+    EXPECT_EQ(failure([&] { storage.next("g", ".."); }),
+              "Refused: the key is '..': it must be one file name in the store");
+    EXPECT_EQ(failure([&] { storage.next("g", ""); }), sent);  // the first key: no key to check
+}
+
+// Without a session bus, local() throws Unreachable naming the status, and
+// the library's lines about it are in report(), not on standard output.
+TEST(ClientLibrary, LocalWithoutAServiceThrowsUnreachableAndKeepsStandardOutput) {
+    const Quorvendale::Testing::TemporaryFolder folder;
+    const std::string address = "unix:path=" + (folder / "no-bus").string();
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    std::FILE* output = std::tmpfile();
+    std::fflush(stdout);
+    const int original = ::dup(STDOUT_FILENO);
+    ::dup2(::fileno(output), STDOUT_FILENO);
+    try {
+        Library(libraryPath).local();
+        ADD_FAILURE() << "connected";
+    } catch (const Unreachable& error) {
+        EXPECT_EQ(error.status(), "AppUnavailable");
+        EXPECT_STREQ(error.what(), "the storage service cannot be reached: no session bus "
+                                   "answered, or the service failed to start (AppUnavailable)");
+        EXPECT_EQ(error.report().rfind("Error: UwpClient connection failed\nException:\n", 0), 0u)
+            << error.report();
+    }
+    std::printf("after");
+    std::fflush(stdout);
+    ::dup2(original, STDOUT_FILENO);
+    ::close(original);
+    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    char written[64] = {};
+    std::rewind(output);
+    EXPECT_STREQ(std::fgets(written, sizeof written, output), "after");
+    std::fclose(output);
 }
 
 }  // namespace

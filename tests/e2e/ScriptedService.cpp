@@ -1,8 +1,10 @@
 // A stand-in storage service that the real host activates in place of the
 // real one (--entry-point Test.ScriptedService): it answers each key as
-// replyTo's table says, with replies no real store gives, and logs
+// replyTo's table says, with replies no real store gives (the key
+// "end-the-host" ends its process instead), and logs
 // "<connection> <command> <key>" to requests.log in its LocalState.
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -71,6 +73,8 @@ public:
             .RequestReceived([self, connection](auto&, const AppServiceRequestReceivedEventArgs& args) {
                 const ValueSet message = args.Request().Message();
                 log(connection, message);
+                // A host that dies in the middle of a request.
+                if (textOf(message, u"key") == "end-the-host") std::_Exit(1);
                 args.Request().SendResponseAsync(replyTo(textOf(message, u"key")));
             });
     }

@@ -10,7 +10,7 @@ set -euo pipefail
 work=$(realpath -m "$1")
 source=$(realpath "$2")
 tree=$work/build
-packages=(libquorvendalestorageclient1 libquorvendalestorageclient-dev quorvendale-tools)
+packages=(libquorvendalestorageclient1 libquorvendalestorageclient-dev quorvendale-tools python3-quorvendale)
 fail() { echo "debian-packages: $*" >&2; exit 1; }
 
 eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
@@ -21,7 +21,7 @@ cmake --build "$tree" -j "$(nproc)" >/dev/null
 rm -rf "$work/debs"
 (cd "$tree" && cpack -G DEB -B "$work/debs" >/dev/null)
 debs=("$work"/debs/*.deb)
-[ ${#debs[@]} = 3 ] || fail "expected three packages, got: ${debs[*]}"
+[ ${#debs[@]} = ${#packages[@]} ] || fail "expected ${packages[*]}, got: ${debs[*]}"
 for deb in "${debs[@]}"; do
     echo "== $(basename "$deb")"
     dpkg-deb -f "$deb" Package Version Depends Recommends
@@ -50,7 +50,7 @@ cat >"$work/consumer/consumer.cpp" <<'CPP'
 #include <Quorvendale/Client.hpp>
 #include <iostream>
 int main() {
-    std::cout << Quorvendale::Client::Library().local()->read("g", "k") << '\n';
+    std::cout << Quorvendale::Client::Library().local().read("g", "k") << '\n';
 }
 CPP
 g++ -std=c++17 -o "$work/consumer/consumer" "$work/consumer/consumer.cpp" \
@@ -61,6 +61,7 @@ g++ -std=c++17 -o "$work/consumer/consumer" "$work/consumer/consumer.cpp" \
     [ "$(qvstore read g k)" = "$(printf "a\nb")" ]
     [ "$("$1")" = "$(printf "a\nb")" ]
     status=0; qvstore read g missing 2>/dev/null || status=$?; [ $status = 1 ]
+    [ "$(/usr/bin/python3 -c "import quorvendale; print(quorvendale.local().read(\"g\", \"k\"))")" = "$(printf "a\nb")" ]
 ' installed "$work/consumer/consumer" || fail "the installed service did not serve the installed qvstore"
 man -l /usr/share/man/man1/qvstore.1.gz >/dev/null 2>&1 || fail "qvstore(1) does not render"
 ldd /usr/bin/quorvendale-apphost | grep -q "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" ||
@@ -70,7 +71,8 @@ dpkg --purge "${packages[@]}" >/dev/null
 trap - EXIT
 left=$(while read -r path; do if [ -e "$path" ] && [ ! -d "$path" ]; then echo "$path"; fi; done <"$files")
 [ -z "$left" ] || fail "left after purge: $left"
-for folder in /usr/include/Quorvendale /usr/lib/*/quorvendale /usr/lib/*/cmake/Quorvendale; do
+for folder in /usr/include/Quorvendale /usr/lib/*/quorvendale /usr/lib/*/cmake/Quorvendale \
+        /usr/lib/python3/dist-packages/quorvendale; do
     [ ! -e "$folder" ] || fail "left after purge: $folder"
 done
 echo "debian-packages: built, lintian-clean, installed, served the installed qvstore, purged"

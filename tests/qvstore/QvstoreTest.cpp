@@ -12,6 +12,7 @@
 #include "Support/LoopbackSocket.h"
 #include "Support/StorageServiceBus.h"
 #include "Support/ChildProcess.h"
+#include "Quorvendale/Limits.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ TEST_F(Qvstore, HelpAndVersionPrintAndSucceed) {
 // before the library is even loaded.
 TEST_F(Qvstore, UsageErrorsAndRefusedInputExitTwo) {
     const std::string hint = "\nTry 'qvstore --help' for more information.\n";
-    const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
+    std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
         {{}, "", hint},
         {{"frobnicate"}, "", hint},
         {{"exists", "-x"}, "", hint},
@@ -89,10 +90,20 @@ TEST_F(Qvstore, UsageErrorsAndRefusedInputExitTwo) {
         {{"write", "g", "a/b", "v"}, "", "write g a/b: refused: the key holds '/' at offset 1"},
         {{"read", "..", "k"}, "", "read .. k: refused: the group is '..'"},
         {{"write", "g", "", "v"}, "", "write g: refused: the key is empty"},
-        {{"read", "g", std::string(256, 'k')}, "", "the key is 256 bytes long, more than 255"},
+        {{"read", "g", std::string(256, 'k')}, "", "The key is too long: 256 bytes, the longest"},
+        {{"write", "g", ".default"}, "theme\n", "the value ends in a line feed, so the alias"},
+        {{"import", "g"}, R"({".default":"k\n"})", "entry \".default\": the value ends in a line"},
         {{"import", "g"}, R"({"k":1})", "the JSON input at byte 5: the value of \"k\" is not a"},
         {{"import", "g"}, R"({"k":"\ud800"})", "the JSON input at byte 12: a lone surrogate"},
     };
+    // The limits are refused before the library is even loaded.
+    cases.push_back({{"--library=/none", "write", "g", "k"},
+                     std::string(QV_LOCAL_MAX_VALUE_BYTES + 1, 'v'),
+                     "write g k: refused: The value is too large: 32505857 bytes, the largest the "
+                     "local client carries is 32505856 bytes"});
+    cases.push_back({{"--library=/none", "write", std::string(256, 'g'), "k"}, "",
+                     "The group is too long: 256 bytes, the longest the local client carries is "
+                     "255 bytes"});
     for (const auto& [arguments, input, message] : cases) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         const ProgramRun run = qvstore(arguments, input);
@@ -168,34 +179,43 @@ TEST_F(QvstoreSession, EveryCommandAgainstTheLocalService) {
     expectRun(qvstore({"read", group, "greeting"}), 0, "hello\nworld");
     EXPECT_EQ(Quorvendale::Testing::contentOf(localState() / group / "greeting"), "hello\r\nworld");
     expectRun(qvstore({"write", group, "second", "2"}), 0, "");
+    expectRun(qvstore({"write", group, "Zeta", "3"}), 0, "");
+    expectRun(qvstore({"write", group, "two\nlines", "4"}), 0, "");
 
-    // The store's own order: take it from the walk, then check next against it.
-    const ProgramRun listed = qvstore({"list", group});
-    ASSERT_EQ(listed.exitStatus, 0) << listed.errors;
-    ASSERT_TRUE(listed.output == "greeting\nsecond\n" || listed.output == "second\ngreeting\n")
-        << listed.output;
-    const std::string first = listed.output.substr(0, listed.output.find('\n'));
-    const std::string last = first == "greeting" ? "second" : "greeting";
-    expectRun(qvstore({"next", group}), 0, first + "\n");
-    expectRun(qvstore({"next", group, first}), 0, last + "\n");
-    expectRun(qvstore({"next", group, last}), 0, "");
+    // list sorts by bytes and keeps a key on one line; --json carries it exactly.
+    expectRun(qvstore({"list", group}), 0, "Zeta\ngreeting\nsecond\ntwo\\nlines\n");
+    expectRun(qvstore({"list", "--json", group}), 0,
+              "[\"Zeta\",\"greeting\",\"second\",\"two\\nlines\"]\n");
+    // next follows the store's own order: a walk from the empty key meets each once.
+    std::vector<std::string> walked;
+    for (std::string key = qvstore({"next", group}).output; !key.empty() && walked.size() < 5;
+         key = qvstore({"next", group, "--", walked.back()}).output) {
+        walked.push_back(key.substr(0, key.size() - 1));
+    }
+    std::sort(walked.begin(), walked.end());
+    EXPECT_EQ(walked, (std::vector<std::string>{"Zeta", "greeting", "second", "two\nlines"}));
 
-    expectRun(qvstore({"remove", group, "greeting"}), 0, "");
-    expectRun(qvstore({"remove", group, "second"}), 0, "");
+    for (const char* key : {"greeting", "second", "Zeta", "two\nlines"})
+        expectRun(qvstore({"remove", group, key}), 0, "");
     expectRun(qvstore({"list", group}), 0, "");
     expectFailure(qvstore({"next", group, "greeting"}), 1,
-                  "next " + group + " greeting: Invalid key");
+                  "next " + group + " greeting: no such key\n");
 }
 
 // Each exit status from the situation that causes it; a refusal stores nothing;
 // export and import carry a group whole.
 TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
     expectFailure(qvstore({"read", group, "missing"}), 1,
-                  "read " + group + " missing: Read file error: file ");
+                  "read " + group + " missing: no such key\n");
+    const ProgramRun verbose = qvstore({"-v", "read", group, "missing"});
+    EXPECT_EQ(verbose.exitStatus, 1);
+    EXPECT_NE(verbose.errors.find("message: Read file error: file "), std::string::npos);
     expectRun(qvstore({"read", "--default", "-", group, "missing"}), 0, "-");
     const ProgramRun quiet = qvstore({"-q", "read", group, "missing"});
     EXPECT_EQ(quiet.exitStatus + quiet.output.size() + quiet.errors.size(), 1u) << quiet.errors;
     expectRun(qvstore({"remove", group, "missing"}), 0, "");
+    expectFailure(qvstore({"write", group, "default", "v"}), 4,  // the alias names no key
+                  "write " + group + " default: Read file error: file ");
 
     expectFailure(qvstore({"write", group, "k"}, std::string("a\0b", 3)), 2,
                   "write " + group + " k: refused: the value holds byte 0x00");
@@ -220,6 +240,22 @@ TEST_F(QvstoreSession, FailuresRefusalsExportAndImport) {
         expectRun(qvstore({"read", group + "-copy", "--", key}), 0, value);
     const ProgramRun listed = qvstore({"list", "--json", group + "-copy"});  // "folder" as well
     EXPECT_EQ(std::count(listed.output.begin(), listed.output.end(), ','), 4) << listed.output;
+}
+
+// 3 only where the service was never reached; a service that answered with a
+// failure, or a connection cut mid-request, is 4, with its text.
+TEST_F(Qvstore, ExitThreeForAServiceThatFailsToStartFourForOneThatFails) {
+    install(" --no-such-option");  // the host refuses to start
+    bus_.emplace(services_.path());
+    expectFailure(qvstore({"read", "g", "k"}), 3,
+                  "read g k: the storage service cannot be reached: it failed to start or to "
+                  "answer (AppUnavailable)\n");
+    bus_.reset();
+    startBus(" --entry-point Test.ScriptedService --library \"" QV_SCRIPTED_SERVICE "\"");
+    expectFailure(qvstore({"read", "g", "reject"}), 4,
+                  "read g reject: rejected by the scripted service\n");
+    // Reached, then cut mid-request, on the first connection and on the retry's.
+    expectFailure(qvstore({"read", "g", "end-the-host"}), 4, "read g end-the-host: ");
 }
 
 // Before anything was started, the bus forgets a service file that is gone.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "Quorvendale/Limits.h"
+
 namespace Quorvendale::Qvstore {
 namespace {
 
@@ -25,10 +27,13 @@ constexpr CommandForm commandForms[] = {
     {"remove", 2, 2, "remove GROUP KEY",
      "delete the value stored under KEY (a missing KEY\nis no failure)"},
     {"next", 1, 2, "next GROUP [KEY]",
-     "print the key after KEY (the first one without KEY)\n"
-     "and a line feed; nothing after the last key"},
+     "print the key after KEY in the store's own order\n"
+     "(the first one without KEY) and a line feed;\n"
+     "nothing after the last key"},
     {"list", 1, 1, "list GROUP",
-     "print every key of GROUP, one a line, or with\n--json as one JSON array"},
+     "print every key of GROUP sorted by bytes, one a\n"
+     "line (a line feed in a key as \\n), or with --json\n"
+     "as one JSON array"},
     {"export", 1, 1, "export GROUP", "print GROUP as one JSON object of key to value"},
     {"import", 1, 2, "import GROUP [FILE]",
      "write every member of the JSON object in FILE\n"
@@ -186,26 +191,33 @@ std::string usage(const std::vector<std::string>& defaultLibraries) {
         "\n"
         "What the local storage service keeps: a group is a folder and a key a file\n"
         "in it, so each must be one file name: not empty, not '.' or '..', no '/', at\n"
-        "most 255 bytes of UTF-8. A value is UTF-8 text without the bytes NUL and\n"
-        "0x1A (line feeds and CR LF are kept). qvstore refuses anything else before\n"
-        "it sends it (exit status 2), since the service would store it changed.\n"
+        "most " + std::to_string(QV_LOCAL_MAX_NAME_BYTES) +
+        " bytes of UTF-8. A value is UTF-8 text without the bytes NUL and\n"
+        "0x1A (line feeds and CR LF are kept), of at most " +
+        std::to_string(QV_LOCAL_MAX_VALUE_BYTES) + " bytes (31 MiB).\n"
+        "qvstore refuses anything else before it loads the library (exit status 2),\n"
+        "since the service would store it changed or could not carry it.\n"
         "\n"
         "The key 'default' of every group is an alias: it stands for the key whose\n"
         "name is the value of the key '.default' of that group, and read, write and\n"
         "remove of 'default' act on that key. Set it with\n"
         "  qvstore write settings .default theme\n"
         "after which 'qvstore read settings default' reads the key 'theme'. Without\n"
-        "'.default', reading 'default' prints nothing and writing it fails.\n"
+        "'.default', reading 'default' prints nothing and writing it fails. A value\n"
+        "of '.default' that ends in a line feed is refused (echo adds one).\n"
         "\n"
         "Each failure is one line on standard error:\n"
         "  qvstore: COMMAND GROUP KEY: what happened\n"
         "Exit status:\n"
         "  0  success (for exists: the store answered)\n"
-        "  1  the key does not exist (read, or next after an unknown KEY)\n"
+        "  1  the key does not exist (read, or next after an unknown KEY): 'no such\n"
+        "     key' (--verbose adds the service's text)\n"
         "  2  usage error, or input refused (see above); nothing was sent\n"
-        "  3  the storage service cannot be reached: no session bus, the service is\n"
-        "     not installed, or it failed to start (its status name is given)\n"
-        "  4  the store failed the operation\n";
+        "  3  the storage service could not be reached: no session bus, the service\n"
+        "     is not installed, it failed to start, or it refused the connection\n"
+        "     (its status name is given)\n"
+        "  4  the store, or a service that was reached, failed the operation (a\n"
+        "     connection cut during a request included), with its reason\n";
     return text;
 }
 

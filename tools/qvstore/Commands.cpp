@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -68,13 +69,32 @@ int read(const Client::Storage& storage, const Invocation& invocation, const Out
     const std::string& key = invocation.operands[1];
     try {
         printValue(output, storage.read(group, key));
-    } catch (const Client::Error& error) {
-        const Failure failure = classifyStoreFailure("read", messageOf(error.what()), false);
-        if (failure.status != keyMissing || (!invocation.defaultValue && !invocation.quiet)) throw;
+    } catch (const Client::NotFound&) {
+        if (!invocation.defaultValue && !invocation.quiet) throw;
         if (!invocation.defaultValue) return keyMissing;
         printValue(output, *invocation.defaultValue);
     }
     return succeeded;
+}
+
+// Keys as plain list prints them: sorted by bytes, one a line, a line feed or
+// other control character in a key escaped so that each key stays one line
+// (list --json carries every key exactly).
+std::string plainList(std::vector<std::string> keys) {
+    std::sort(keys.begin(), keys.end());
+    std::string text;
+    for (const std::string& key : keys) text += oneLine(key) + '\n';
+    return text;
+}
+
+// The alias "default" names the key that .default holds, line feed and all; a
+// value that ends in one is almost always `echo NAME | qvstore write`.
+void checkAliasTarget(const std::string& key, const std::string& value) {
+    if (key == ".default" && !value.empty() && value.back() == '\n') {
+        throw Refusal("the value ends in a line feed, so the alias 'default' would name a key "
+                      "that ends in one; give the key's name without it, as an argument after "
+                      "'--' (printf or echo -n for standard input)");
+    }
 }
 
 // A store failure part-way names the entry and how many went before it.
@@ -85,8 +105,7 @@ int import(const Client::Storage& storage, const Invocation& invocation, const E
         try {
             storage.write(group, key, value);
         } catch (const Client::Error& error) {
-            Failure failure = classifyStoreFailure("write", messageOf(error.what()),
-                                                   invocation.remote.has_value());
+            Failure failure = failureOf(error);
             failure.message += "; " + std::to_string(written) + " of " +
                                std::to_string(entries.size()) + " entries written";
             throw CommandFailure{std::move(failure), oneLine(key)};
@@ -110,17 +129,21 @@ Input takeInput(const Invocation& invocation, bool checkInput) {
     }
     if (!checkInput || operands.empty()) return input;
 
-    checkName("the group", operands[0]);
+    Client::checkLocalName("group", operands[0]);
     const bool keyOperand = command == "write" || command == "read" || command == "remove" ||
                             (command == "next" && operands.size() == 2 && !operands[1].empty());
-    if (keyOperand) checkName("the key", operands[1]);
-    if (command == "write") checkValue(input.data);
+    if (keyOperand) Client::checkLocalName("key", operands[1]);
+    if (command == "write") {
+        Client::checkLocalValue(input.data);
+        checkAliasTarget(operands[1], input.data);
+    }
     // Every entry is checked before the first is written: a refusal stores none.
     for (const auto& [key, value] : input.entries) {
         try {
-            checkName("the key", key);
-            checkValue(value);
-        } catch (const Refusal& refusal) {
+            Client::checkLocalName("key", key);
+            Client::checkLocalValue(value);
+            checkAliasTarget(key, value);
+        } catch (const std::runtime_error& refusal) {
             throw Refusal("entry " + jsonString(key) + ": " + refusal.what() +
                           "; nothing was imported");
         }
@@ -143,12 +166,15 @@ int runCommand(const Client::Storage& storage, const Invocation& invocation, con
             storage.next(operands[0], operands.size() == 2 ? operands[1] : "");
         if (!following.empty()) write(output, following + '\n');
     } else if (command == "list") {
-        const std::vector<std::string> keys = keysOf(storage, operands[0]);
-        std::string text = invocation.json ? "[" : "";
-        for (const std::string& key : keys) {
-            text += invocation.json ? (text.size() > 1 ? "," : "") + jsonString(key) : key + '\n';
+        std::vector<std::string> keys = keysOf(storage, operands[0]);
+        if (!invocation.json) {
+            write(output, plainList(std::move(keys)));
+        } else {
+            std::sort(keys.begin(), keys.end());
+            std::string text = "[";
+            for (const std::string& key : keys) text += (text.size() > 1 ? "," : "") + jsonString(key);
+            write(output, text + "]\n");
         }
-        write(output, invocation.json ? text + "]\n" : text);
     } else if (command == "export") {
         std::string text = "{";
         for (const std::string& key : keysOf(storage, operands[0])) {

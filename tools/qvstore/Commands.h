@@ -33,7 +33,9 @@ struct Input {
 };
 
 // Reads the command's input. With `checkInput`, names and values the local
-// storage service would change are refused (Refusal), so that nothing is sent.
+// storage service would change or cannot carry are refused (Client::Refused,
+// Client::TooLarge), and a .default value that ends in a line feed (Refusal),
+// before the library is loaded.
 Input takeInput(const Invocation& invocation, bool checkInput);
 
 // Runs the invocation's command on the store with its input and gives its

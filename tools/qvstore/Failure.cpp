@@ -11,45 +11,10 @@
 #include <optional>
 
 #include "Posix/FileDescriptor.h"
+#include "Quorvendale/Client.hpp"
 
 namespace Quorvendale::Qvstore {
 namespace {
-
-constexpr std::string_view reportField = "\n\tmessage: ";
-
-// The store's text for an entry file that is not there.
-bool isMissingEntry(std::string_view message) {
-    return message.starts_with("Read file error: file ") && message.ends_with(" is not exist");
-}
-
-// Texts with which the store itself refuses an operation; from a remote
-// server anything else means it was not reached.
-bool isStoreMessage(std::string_view message) {
-    constexpr std::string_view storeMessages[] = {
-        "Read file error: ",       "Write file error",  "Remove file error", "Invalid key",
-        "Failed to open folder: ", "Unknown exception", "Unknown command",
-    };
-    for (const std::string_view known : storeMessages) {
-        if (message.starts_with(known)) return true;
-    }
-    return false;
-}
-
-// The local client's texts for a connection that failed or was lost: the
-// connection's status names and the two of a send with no connection.
-bool isConnectionMessage(std::string_view message) {
-    constexpr std::string_view statuses[] = {
-        "AppNotInstalled",
-        "AppUnavailable",
-        "AppServiceUnavailable",
-        "Unknown",
-    };
-    for (const std::string_view status : statuses) {
-        if (message == status) return true;
-    }
-    return message.starts_with("UwpLocalStorageClient::sendMessage") ||
-           message.starts_with("response.Status() != ");
-}
 
 // Why no session bus answers at the address the library uses, if qvstore can
 // tell: the same address rule (DBUS_SESSION_BUS_ADDRESS, else
@@ -90,45 +55,27 @@ std::optional<std::string> missingSessionBus() {
 
 }  // namespace
 
-std::string messageOf(std::string_view text) {
-    if (!text.starts_with("Exception:\n")) return std::string(text);
-    const std::size_t field = text.find(reportField);
-    return std::string(field == std::string_view::npos ? text
-                                                       : text.substr(field + reportField.size()));
-}
-
-Failure classifyStoreFailure(std::string_view command, std::string_view message, bool remote) {
-    std::string text = oneLine(message);
-    if ((command == "read" && isMissingEntry(message)) ||
-        (command == "next" && message == "Invalid key")) {
-        return {keyMissing, std::move(text)};
+Failure failureOf(const Client::Error& error) {
+    if (dynamic_cast<const Client::NotFound*>(&error) != nullptr) return {keyMissing, "no such key"};
+    if (dynamic_cast<const Client::Refused*>(&error) != nullptr) {
+        return {usageFailed, "refused: " + oneLine(error.message())};
     }
-    if (remote ? !isStoreMessage(message) : isConnectionMessage(message)) {
-        return {unreachable, "the storage " + std::string(remote ? "server" : "service") +
-                                 " cannot be reached: " + text};
+    if (const auto* unreachable = dynamic_cast<const Client::Unreachable*>(&error)) {
+        if (unreachable->status().empty() && unreachable->report().empty()) {
+            // A remote client: its own text says what failed.
+            return {ExitStatus::unreachable,
+                    "the storage server cannot be reached: " + oneLine(error.message())};
+        }
+        // qvstore can tell whether a session bus is there.
+        if (unreachable->status() == "AppUnavailable") {
+            return {ExitStatus::unreachable,
+                    "the storage service cannot be reached: " +
+                        oneLine(missingSessionBus().value_or("it failed to start or to answer")) +
+                        " (AppUnavailable)"};
+        }
+        return {ExitStatus::unreachable, oneLine(error.what())};
     }
-    return {storeFailed, std::move(text)};
-}
-
-Failure describeUnreachable(std::string_view libraryOutput) {
-    std::string status = "no status given";
-    if (const std::size_t field = libraryOutput.rfind(reportField);
-        field != std::string_view::npos) {
-        const std::string_view rest = libraryOutput.substr(field + reportField.size());
-        status = std::string(rest.substr(0, rest.find('\n')));
-    }
-    std::string why;
-    if (status == "AppNotInstalled") {
-        why = "it is not installed: no D-Bus service file provides it";
-    } else if (status == "AppServiceUnavailable") {
-        why = "its host does not offer the storage app service";
-    } else if (status == "AppUnavailable") {
-        why = missingSessionBus().value_or("it failed to start or to answer");
-    } else {
-        why = "the connection failed";
-    }
-    return {unreachable, "the storage service cannot be reached: " + oneLine(why) + " (" +
-                             oneLine(status) + ")"};
+    return {storeFailed, oneLine(error.message())};
 }
 
 std::string oneLine(std::string_view text) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "Quorvendale/Client.hpp"
+
 namespace Quorvendale::Qvstore {
 
 // The exit statuses, as the usage text documents them.
@@ -20,19 +22,12 @@ struct Failure {
     std::string message;  // one line, without "qvstore: <command> ...: "
 };
 
-// The message of a failure text of the library: its error reports
-// ("Exception:\n\tfile: ...\n\tmessage: <text>") give their last field, other
-// texts stand as they are.
-std::string messageOf(std::string_view text);
-
-// A failed operation of the local client (`remote` false) or of a remote one,
-// from its message.
-Failure classifyStoreFailure(std::string_view command, std::string_view message, bool remote);
-
-// The local client could not connect. `libraryOutput` is what the library
-// wrote about it; its report names the connection's status. The line says
-// which case it is: no session bus, the service not installed, or not started.
-Failure describeUnreachable(std::string_view libraryOutput);
+// A failure of the client library, as qvstore reports it: a missing key
+// (exit 1, "no such key"), input refused before sending (2), a store that
+// cannot be reached (3: for the local service, the connection's status and,
+// when there is no session bus, why), any other failure with the store's own
+// text (4).
+Failure failureOf(const Client::Error& error);
 
 // `text` on one line: control characters as C escapes.
 std::string oneLine(std::string_view text);

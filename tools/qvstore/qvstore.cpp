@@ -82,11 +82,10 @@ int runInvocation(const Invocation& invocation, const LibraryOutput& libraryOutp
     const Client::Library library(
         invocation.library ? *invocation.library
                            : Qvstore::chooseDefaultLibrary(Qvstore::defaultLibraryCandidates()));
-    std::optional<Client::Storage> storage =
+    const Client::Storage storage =
         invocation.remote ? library.remote(invocation.remote->host, invocation.remote->port)
                           : library.local();
-    if (!storage) throw CommandFailure{describeUnreachable(libraryOutput.text()), ""};
-    const int status = runCommand(*storage, invocation, input, libraryOutput.results());
+    const int status = runCommand(storage, invocation, input, libraryOutput.results());
     if (std::fflush(libraryOutput.results().file) != 0) {
         throw std::runtime_error("cannot write standard output");
     }
@@ -124,9 +123,11 @@ int main(int argc, char** argv) {
         failure = commandFailure.failure;
         if (!commandFailure.subject.empty()) subject += " " + commandFailure.subject;
     } catch (const Client::Error& error) {
-        failure = classifyStoreFailure(invocation.command, messageOf(error.what()),
-                                       invocation.remote.has_value());
-        report = error.what();
+        failure = failureOf(error);
+        const auto* unreachable = dynamic_cast<const Client::Unreachable*>(&error);
+        report = unreachable != nullptr && !unreachable->report().empty() ? unreachable->report()
+                                                                         : error.what();
+        if (!report.empty() && report.back() == '\n') report.pop_back();
     } catch (const std::exception& error) {
         failure = {storeFailed, oneLine(error.what())};
     }
