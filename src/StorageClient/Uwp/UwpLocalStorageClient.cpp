@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "InterfaceContract/ErrorReport.h"
@@ -87,7 +88,11 @@ public:
         while (target_->running != 0) target_->idle.wait(lock.forWaiting());
     }
 
-    // The handler for the connection of that generation.
+    // The handler for the connection of that generation. The runtime raises
+    // the event on its pool, and a reconnect waits for an open that needs a
+    // pool thread too: the reconnect runs on a thread of its own, so that
+    // however many clients lose their connection at once, none holds a pool
+    // thread while it waits.
     AppServiceConnection::ServiceClosedHandler serviceClosed(std::uint64_t generation) const {
         return [target = target_, generation](const AppServiceConnection&,
                                               const AppServiceClosedEventArgs&) {
@@ -98,12 +103,16 @@ public:
                 client = target->client;
                 ++target->running;
             }
-            client->onServiceClosed(generation);
-            {
-                MutexLock lock(target->mutex);
-                --target->running;
+            try {
+                std::thread([target, client, generation] {
+                    client->onServiceClosed(generation);
+                    target->leave();
+                }).detach();
+            } catch (const std::system_error&) {
+                // No thread to be had: the next operation finds the
+                // connection closed, and its retry reconnects.
+                target->leave();
             }
-            target->idle.notify_all();
         };
     }
 
@@ -113,7 +122,15 @@ private:
         Mutex mutex;
         std::condition_variable idle;
         UwpLocalStorageClient* client QV_GUARDED_BY(mutex);
-        int running QV_GUARDED_BY(mutex) = 0;  // handlers that took client and have not returned
+        int running QV_GUARDED_BY(mutex) = 0;  // reconnects that took client and have not ended
+
+        void leave() {
+            {
+                MutexLock lock(mutex);
+                --running;
+            }
+            idle.notify_all();
+        }
     };
     std::shared_ptr<Target> target_;
 };
@@ -122,7 +139,7 @@ UwpLocalStorageClient::UwpLocalStorageClient() : events_(std::make_unique<EventT
     connect(0);  // generation 0: no connection yet
 }
 
-// A reconnect under way on an event's thread ends first; it still has the
+// A reconnect under way on a thread of its own ends first; it still has the
 // whole client to work with.
 UwpLocalStorageClient::~UwpLocalStorageClient() { events_->detach(); }
 
@@ -314,7 +331,7 @@ void UwpLocalStorageClient::onServiceClosed(std::uint64_t generation) {
     try {
         connect(generation);
     } catch (...) {
-        // Nobody to tell on the event's thread: the next operation finds no
+        // Nobody to tell on this thread: the next operation finds no
         // connection, and its retry reconnects.
     }
 }

@@ -50,7 +50,7 @@ public:
     // Connects at once. Throws the error report naming the status when the
     // service cannot be opened ("AppNotInstalled", ...).
     UwpLocalStorageClient();
-    // Waits for a reconnect under way on an event's thread, then releases
+    // Waits for a reconnect under way on a thread of its own, then releases
     // the connection, which ends when its last reference goes.
     ~UwpLocalStorageClient() override;
 
@@ -119,7 +119,7 @@ private:
     bool opening_ QV_GUARDED_BY(connectionMutex_) = false;
     Platform::event_token serviceClosedToken_ QV_GUARDED_BY(connectionMutex_){};
     // How ServiceClosed reaches the client; the destructor detaches it
-    // first, waiting for a reconnect under way on an event's thread.
+    // first, waiting for a reconnect under way on a thread of its own.
     std::unique_ptr<EventTarget> events_;
 };
 
