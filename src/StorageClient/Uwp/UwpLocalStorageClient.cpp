@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "InterfaceContract/ErrorReport.h"
+#include "Quorvendale/Limits.h"
 #include "Platform/Foundation/Apartment.h"
 #include "Platform/Text/TextConversion.h"
 #include "StorageClient/LocalStorageClient.h"
@@ -65,6 +66,29 @@ std::optional<std::runtime_error> attempt(const std::function<void()>& task) {
     std::thread worker([&] { failure = runInApartment(task); });
     worker.join();
     return failure;
+}
+
+// Input larger than the local path carries is refused before anything is
+// sent: it could never arrive, and a reconnect and a retry would only hide
+// why. The texts are the ones the limits are documented with.
+void checkName(const char* what, const std::string& name) {
+    if (name.size() <= QV_LOCAL_MAX_NAME_BYTES) return;
+    throw std::runtime_error(std::string("The ") + what + " is too long: " +
+                             std::to_string(name.size()) +
+                             " bytes, the longest the local client carries is " +
+                             std::to_string(QV_LOCAL_MAX_NAME_BYTES) + " bytes");
+}
+
+void checkEntry(const std::string& group, const std::string& key) {
+    checkName("group", group);
+    checkName("key", key);
+}
+
+void checkValue(const std::string& value) {
+    if (value.size() <= QV_LOCAL_MAX_VALUE_BYTES) return;
+    throw std::runtime_error("The value is too large: " + std::to_string(value.size()) +
+                             " bytes, the largest the local client carries is " +
+                             std::to_string(QV_LOCAL_MAX_VALUE_BYTES) + " bytes");
 }
 
 }  // namespace
@@ -159,6 +183,7 @@ std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectio
 }
 
 std::string UwpLocalStorageClient::read(const std::string& group, const std::string& key) {
+    checkEntry(group, key);
     std::string value;
     executeWinRT([&, group, key](const Connection& connection) {
         executeCommand(connection,
@@ -172,6 +197,8 @@ std::string UwpLocalStorageClient::read(const std::string& group, const std::str
 
 void UwpLocalStorageClient::write(const std::string& group, const std::string& key,
                                   const std::string& data) {
+    checkEntry(group, key);
+    checkValue(data);
     executeWinRT([&, group, key, data](const Connection& connection) {
         executeCommand(connection, {{RequestField::Command, "write"},
                                     {RequestField::Group, group},
@@ -181,6 +208,7 @@ void UwpLocalStorageClient::write(const std::string& group, const std::string& k
 }
 
 void UwpLocalStorageClient::remove(const std::string& group, const std::string& key) {
+    checkEntry(group, key);
     executeWinRT([&, group, key](const Connection& connection) {
         executeCommand(connection, {{RequestField::Command, "remove"},
                                     {RequestField::Group, group},
@@ -189,6 +217,7 @@ void UwpLocalStorageClient::remove(const std::string& group, const std::string& 
 }
 
 std::string UwpLocalStorageClient::next(const std::string& group, const std::string& key) {
+    checkEntry(group, key);
     std::string following;
     executeWinRT([&, group, key](const Connection& connection) {
         executeCommand(connection,

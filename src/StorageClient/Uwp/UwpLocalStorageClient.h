@@ -28,7 +28,10 @@ namespace Quorvendale::StorageClient {
 // service that never answers blocks its caller.
 //
 // Text travels as UTF-16 inside the messages: group, key and data must be
-// UTF-8 text, and each is cut at its first zero byte on the way.
+// UTF-8 text, and each is cut at its first zero byte on the way. A group or
+// key over QV_LOCAL_MAX_NAME_BYTES, or a value over QV_LOCAL_MAX_VALUE_BYTES
+// (Quorvendale/Limits.h), is refused at once, with neither reconnect nor
+// retry.
 //
 // One client may be shared by many threads. Their requests travel
 // concurrently on one connection; a thread waits for another only while that
