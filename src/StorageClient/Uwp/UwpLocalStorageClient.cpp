@@ -182,10 +182,12 @@ std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectio
     return value < std::size(names) ? names[value] : "UnknownAppServiceConnectionStatus";
 }
 
+// The tasks take the caller's text by reference: each runs on a worker that
+// the caller joins, and a copy of a large value would cost its size again.
 std::string UwpLocalStorageClient::read(const std::string& group, const std::string& key) {
     checkEntry(group, key);
     std::string value;
-    executeWinRT([&, group, key](const Connection& connection) {
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection,
                        {{RequestField::Command, "read"},
                         {RequestField::Group, group},
@@ -199,7 +201,7 @@ void UwpLocalStorageClient::write(const std::string& group, const std::string& k
                                   const std::string& data) {
     checkEntry(group, key);
     checkValue(data);
-    executeWinRT([&, group, key, data](const Connection& connection) {
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection, {{RequestField::Command, "write"},
                                     {RequestField::Group, group},
                                     {RequestField::Key, key},
@@ -209,7 +211,7 @@ void UwpLocalStorageClient::write(const std::string& group, const std::string& k
 
 void UwpLocalStorageClient::remove(const std::string& group, const std::string& key) {
     checkEntry(group, key);
-    executeWinRT([&, group, key](const Connection& connection) {
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection, {{RequestField::Command, "remove"},
                                     {RequestField::Group, group},
                                     {RequestField::Key, key}});
@@ -219,7 +221,7 @@ void UwpLocalStorageClient::remove(const std::string& group, const std::string& 
 std::string UwpLocalStorageClient::next(const std::string& group, const std::string& key) {
     checkEntry(group, key);
     std::string following;
-    executeWinRT([&, group, key](const Connection& connection) {
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection,
                        {{RequestField::Command, "next"},
                         {RequestField::Group, group},

@@ -47,8 +47,9 @@ public:
     static constexpr std::string_view packageFamilyName = ServiceIdentity::packageFamilyName;
 
     enum class RequestField { Command = 0, Group = 1, Key = 2, Data = 3 };
-    // The entries of one request message, in field order.
-    using Request = std::map<RequestField, std::string>;
+    // The entries of one request message, in field order: views of the
+    // caller's text, which is converted once, into the message itself.
+    using Request = std::map<RequestField, std::string_view>;
 
     // Connects at once. Throws the error report naming the status when the
     // service cannot be opened ("AppNotInstalled", ...).
