@@ -368,7 +368,7 @@ TEST_F(LocalStorageClientTest, SixtyFourClientsInOneProcessRecoverFromEachHostKi
         std::ofstream{package_.base() / ("killed-" + round)};
     }
     // One activation, with time to spare, and the work of 128 operations.
-    const auto status = application.wait(20s);
+    const auto status = application.wait(slowBuild ? 60s : 20s);
     EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
 }
 
