@@ -363,7 +363,7 @@ TEST_F(LocalStorageClientTest, SixtyFourClientsInOneProcessRecoverFromEachHostKi
     startBus();
     Testing::ChildProcess application({self(), "--sixty-four-clients", package_.base()});
     for (const std::string round : {"0", "1"}) {
-        ASSERT_TRUE(appears(package_.base() / ("round-" + round), 60s));
+        ASSERT_TRUE(appears(package_.base() / ("round-" + round), 60s)) << "round " << round;
         killHost();
         std::ofstream{package_.base() / ("killed-" + round)};
     }
