@@ -18,6 +18,14 @@
 // own, on one client they share against a client each: the operations per
 // second of both, so that sharing a client shows what it costs.
 //
+// Then what a host kill costs 256 clients in this process: the time until
+// every one has answered again, against the time one client takes (one
+// activation of the host). What the ordering of requests on one entry costs:
+// the p99 of 100-byte reads of an entry that another process overwrites
+// without pause, against reads of another entry meanwhile. And the client's
+// peak memory for a 30 MB value written and read, in a process of its own
+// (VmHWM less VmRSS before, /proc/self/status), as a multiple of the value.
+//
 // And beside what users would pick instead: Redis over a Unix socket (when
 // REDIS_SOCKET names a running redis-server's socket; bench/compare-local
 // starts one) and SQLite in process (when the build found libsqlite3;
@@ -36,6 +44,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -265,6 +276,127 @@ struct Names {
     std::string size, overwrite, read, roundTrip, localWrite, localRead;
 };
 
+std::chrono::duration<double, std::milli> since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::steady_clock::now() - start;
+}
+
+pid_t hostOf(const Testing::PrivateBus& bus) { return bus.ownerOf(storagePackage).value_or(0); }
+
+void killHost(const Testing::PrivateBus& bus) {
+    if (const pid_t host = hostOf(bus); host > 0) {
+        ::kill(host, SIGKILL);
+        Testing::PrivateBus::exitStatusOf(host);
+    }
+}
+
+// The time from a host kill until each of the clients has written once more,
+// all at once on a thread each; the clients were all connected before.
+double recoveryMilliseconds(const Testing::PrivateBus& bus, std::vector<Client::Storage>& clients) {
+    for (Client::Storage& client : clients) client.write("recovery", "k", payload());
+    killHost(bus);
+    const auto start = std::chrono::steady_clock::now();
+    std::atomic<int> failed{0};
+    {
+        std::vector<std::jthread> threads;
+        for (Client::Storage& client : clients) {
+            threads.emplace_back([&] {
+                try {
+                    client.write("recovery", "k", payload());
+                } catch (const std::exception&) {
+                    ++failed;
+                }
+            });
+        }
+    }
+    const double elapsed = since(start).count();
+    if (failed > 0) std::printf("%d of %zu clients failed after the kill\n", failed.load(), clients.size());
+    return elapsed;
+}
+
+void printRecovery(const Testing::PrivateBus& bus) {
+    std::vector<Client::Storage> one{*library->local()}, many;
+    for (int c = 0; c < 256; ++c) many.push_back(*library->local());
+    const int rounds = Bench::brief() ? 1 : 3;
+    double single = 0, all = 0;
+    for (int round = 0; round < rounds; ++round) {
+        single += recoveryMilliseconds(bus, one) / rounds;
+        all += recoveryMilliseconds(bus, many) / rounds;
+    }
+    std::printf("\nhost killed: one client answers again after %.1f ms, all of 256 after %.1f ms: "
+                "%.2fx (target <= 4)\n", single, all, all / single);
+    Bench::reportRatio("LocalStorageBench", "256-clients-after-a-host-kill", all / single, 4);
+}
+
+// As another application: overwrites one entry with 100-byte values until
+// killed (a minute at most).
+int overwriteUntilKilled() {
+    const Client::Library loaded(QV_STORAGE_LIBRARY);
+    const Client::Storage client = *loaded.local();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    for (int i = 0; i < 10'000'000 && std::chrono::steady_clock::now() < end; ++i) {
+        client.write("contended", "entry", std::string(Bench::payloadBytes, 'a' + i % 26));
+    }
+    return 0;
+}
+
+double p99ReadMilliseconds(const std::string& key) {
+    std::vector<double> times;
+    for (int i = 0; i < (Bench::brief() ? 500 : 2000); ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        benchmark::DoNotOptimize(storage->read("contended", key));
+        times.push_back(since(start).count());
+    }
+    std::ranges::sort(times);
+    return times[times.size() * 99 / 100];
+}
+
+void printContendedReads() {
+    storage->write("contended", "entry", payload());
+    storage->write("contended", "other", payload());
+    const Testing::ChildProcess writer(
+        {std::filesystem::read_symlink("/proc/self/exe"), "--overwrite-until-killed"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const double other = p99ReadMilliseconds("other");
+    const double same = p99ReadMilliseconds("entry");
+    std::printf("\nreads while another process overwrites: p99 %.3f ms of that entry, %.3f ms of "
+                "another: %.2fx (target <= 2)\n", same, other, same / other);
+    Bench::reportRatio("LocalStorageBench", "p99-read-of-an-entry-being-overwritten", same / other,
+                       2);
+}
+
+long statusKiB(const char* field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field)) return std::stol(line.substr(std::strlen(field)));
+    }
+    return 0;
+}
+
+// In a process of its own, so that nothing else sets its high-water mark:
+// the growth of the peak resident size over a 30 MB write, then a read.
+int printPeakMemory() {
+    const Client::Library loaded(QV_STORAGE_LIBRARY);
+    const Client::Storage client = *loaded.local();
+    client.write("memory", "k", "warm");
+    const std::size_t bytes = 30'000'000;
+    const std::string value(bytes, 'v');
+    const auto growthOf = [&](auto operation) {
+        std::ofstream("/proc/self/clear_refs") << "5";  // VmHWM starts again from VmRSS
+        const long before = statusKiB("VmRSS:");
+        operation();
+        return (statusKiB("VmHWM:") - before) * 1024.0 / bytes;
+    };
+    const double written = growthOf([&] { client.write("memory", "k", value); });
+    std::string read;
+    const double readBack = growthOf([&] { read = client.read("memory", "k"); });
+    if (read != value) return 1;
+    std::printf("\n30 MB value: the client's peak memory grows by %.2fx the value to write it, "
+                "%.2fx to read it (target <= 3)\n", written, readBack);
+    Bench::reportRatio("LocalStorageBench", "peak-memory-writing-30-MB", written, 3);
+    Bench::reportRatio("LocalStorageBench", "peak-memory-reading-30-MB", readBack, 3);
+    return 0;
+}
+
 // One operation's figures against its ideal, and the line the test command
 // checks; a 0 for a side that did not run.
 void printRatio(Bench::MedianReporter& reporter, const std::string& operation,
@@ -294,6 +426,9 @@ void printOthers(Bench::MedianReporter& reporter, const std::string& local, cons
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::string role = argc > 1 ? argv[1] : "";
+    if (role == "--overwrite-until-killed") return overwriteUntilKilled();
+    if (role == "--peak-memory") return printPeakMemory();
     Bench::initialize(&argc, argv);
     Testing::TemporaryFolder data;
     Testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().c_str());
@@ -364,6 +499,14 @@ int main(int argc, char** argv) {
             "operations/s: sharing gives %.2fx\n",
             2e9 / shared, 2e9 / unshared, unshared / shared);
     }
+
+    printRecovery(bus);
+    printContendedReads();
+    std::fflush(stdout);
+    const auto memory = Testing::runProgram(
+        {std::filesystem::read_symlink("/proc/self/exe"), "--peak-memory"}, data.path());
+    std::fputs(memory.output.c_str(), stdout);
+    if (memory.exitStatus != 0) std::printf("the peak memory run failed: %s\n", memory.errors.c_str());
 
     storage.reset();
     ::close(echoSocket);

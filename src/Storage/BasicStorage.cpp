@@ -60,21 +60,23 @@ std::string BasicStorage::read(std::string_view group, std::string_view key) {
     // An unset alias reads as empty, while write() of it fails: callers probe
     // "default" without setting it first.
     if (key == defaultKey && !FileSystem::exists(folder + defaultFileName)) return {};
-    return readFile(entryPath(std::move(folder), key));
+    const std::u16string path = entryPath(std::move(folder), key);
+    const EntryLocks::Hold reading(entryLocks_, path, EntryLocks::Use::Read);
+    return readFile(path);
 }
 
 void BasicStorage::write(std::string_view group, std::string_view key, std::string_view data) {
     ensureGroupFolder(group);
-    if (!FileSystem::writeText(entryPath(groupFolder(group), key), data)) {
-        throw std::runtime_error("Write file error");
-    }
+    const std::u16string path = entryPath(groupFolder(group), key);
+    const EntryLocks::Hold writing(entryLocks_, path, EntryLocks::Use::Write);
+    if (!FileSystem::writeText(path, data)) throw std::runtime_error("Write file error");
 }
 
 void BasicStorage::remove(std::string_view group, std::string_view key) {
     ensureGroupFolder(group);
-    if (!FileSystem::removeFile(entryPath(groupFolder(group), key))) {
-        throw std::runtime_error("Remove file error");
-    }
+    const std::u16string path = entryPath(groupFolder(group), key);
+    const EntryLocks::Hold removing(entryLocks_, path, EntryLocks::Use::Write);
+    if (!FileSystem::removeFile(path)) throw std::runtime_error("Remove file error");
 }
 
 std::string BasicStorage::next(std::string_view group, std::string_view key) {

@@ -21,14 +21,17 @@
 //   "Remove file error"                          an existing entry was not removed
 //   "Invalid key"                                next() of a key not in the group
 //
-// The store holds no data and takes no locks: one instance may serve many
-// threads at once. A subclass says where the root is, lists a group's keys and
-// makes group folders.
+// The store holds no data: one instance may serve many threads at once, and
+// orders their requests on each entry alone (EntryLocks.h): a read never sees
+// a write of the same entry under way. A subclass says where the root is,
+// lists a group's keys and makes group folders.
 #pragma once
 
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "Storage/EntryLocks.h"
 
 namespace Quorvendale::Storage {
 
@@ -73,6 +76,8 @@ protected:
 
 private:
     std::u16string entryPath(std::u16string folder, std::string_view key);
+
+    EntryLocks entryLocks_;
 };
 
 }  // namespace Quorvendale::Storage

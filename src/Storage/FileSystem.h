@@ -7,7 +7,8 @@
 // the C runtime's own, elsewhere TextMode.h reproduces it.
 //
 // Nothing here locks or serialises: files are opened shared, so a read that
-// runs during a write of the same file may see it shortened.
+// runs during a write of the same file may see it shortened. The store
+// orders its own requests on an entry (EntryLocks.h).
 #pragma once
 
 #include <optional>
@@ -42,8 +43,10 @@ public:
     static std::optional<std::string> readText(const std::u16string& path);
 
     // Replaces the whole content of a file, creating it if needed, written in
-    // text mode. False when the open, a write or the close failed; the file
-    // may then be left cut short.
+    // text mode. False when the open, a write or the close failed. An
+    // existing file is emptied only once the new content is known to fit
+    // (the POSIX backend checks the free space and the file-size limit
+    // first); a write that fails after that may leave the file cut short.
     static bool writeText(const std::u16string& path, std::string_view data);
 
     // Deletes a file. True when it is gone or was never there; false when

@@ -1,10 +1,13 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -131,6 +134,45 @@ std::string readAll(int fd) {
     return readLargeFile(fd, std::string_view(first, got));
 }
 
+// The bytes a value takes in its file: one more for each line feed.
+std::uint64_t storedSize(std::string_view value) {
+    return value.size() + static_cast<std::uint64_t>(std::count(value.begin(), value.end(), '\n'));
+}
+
+// Whether the file, once emptied, can take `size` bytes: the file-size limit
+// allows them, and the file system has the blocks free, counting those the
+// file gives back when it is emptied. Free blocks are those any user may
+// take: a privileged writer may find a little more room than this allows.
+// A file system that cannot say how full it is lets the write find out.
+bool roomFor(int fd, const struct stat& status, std::uint64_t size) {
+    struct rlimit limit {};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+        size > limit.rlim_cur) {
+        return false;
+    }
+    // The blocks the file gives back take a value no larger than the old:
+    // the common overwrite asks the file system nothing.
+    const std::uint64_t held = static_cast<std::uint64_t>(status.st_blocks) * 512;
+    if (size <= held) return true;
+    struct statvfs volume {};
+    if (::fstatvfs(fd, &volume) != 0 || volume.f_frsize == 0) return true;
+    const std::uint64_t block = volume.f_frsize;
+    const std::uint64_t needed = (size + block - 1) / block * block;
+    return needed <= static_cast<std::uint64_t>(volume.f_bavail) * block + held;
+}
+
+// Empties an existing regular file for its new value, but only once the
+// value is known to fit: a write that cannot fit fails with the old value
+// intact. What the check cannot foresee (another writer filling the disk
+// meanwhile, the host killed mid-write) can still leave the file cut short.
+// A pipe or a device is written as it is.
+bool emptyForReplacement(int fd, std::string_view value) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) return false;
+    if (!S_ISREG(status.st_mode)) return true;
+    return roomFor(fd, status, storedSize(value)) && ::ftruncate(fd, 0) == 0;
+}
+
 }  // namespace
 
 const char16_t FileSystem::separator = u'/';
@@ -170,9 +212,15 @@ std::optional<std::string> FileSystem::readText(const std::u16string& path) {
 }
 
 bool FileSystem::writeText(const std::u16string& path, std::string_view data) {
-    FileDescriptor file(::open(NativePath(path).c_str(),
-                               O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
-    if (!file.valid()) return false;
+    const NativePath native(path);
+    FileDescriptor file(::open(native.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (file.valid()) {
+        if (!emptyForReplacement(file.get(), data)) return false;
+    } else {
+        file.reset(::open(native.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC,
+                          0666));
+        if (!file.valid()) return false;
+    }
     const bool written = writeTextMode(file.get(), data);
     return file.close() && written;
 }

@@ -2,6 +2,8 @@
 // through AppServiceConnection as any client reaches it.
 #include <gtest/gtest.h>
 #include <linux/landlock.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -9,6 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <set>
 #include <filesystem>
 #include <fstream>
 
@@ -195,6 +199,69 @@ TEST_F(AppServiceHostTest, AWriteOverTheHostsFileSizeLimitFailsAndTheHostServesO
               Reply("failed", "Write file error"));
     EXPECT_EQ(ask(connection, "write", "g", "small", "fits"), success);
     EXPECT_EQ(ask(connection, "read", "g", "small"), Reply("success", "fits"));
+    // An overwrite over the limit fails before it cuts the old value.
+    EXPECT_EQ(ask(connection, "write", "g", "small", std::string(8192, 'x')),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(ask(connection, "read", "g", "small"), Reply("success", "fits"));
+}
+
+// The data home on a small tmpfs of this process's own mount namespace,
+// which the bus and the host it starts inherit and which ends with them.
+TEST_F(AppServiceHostTest, OnAFullFileSystemAnOverwriteFailsAndTheOldValueStays) {
+    const fs::path packages = package_.base() / "Packages";
+    fs::create_directories(packages);
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", packages.c_str(), "tmpfs", 0, "size=2m") != 0) {
+        GTEST_SKIP() << "no tmpfs of its own here: " << std::strerror(errno);
+    }
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    ASSERT_EQ(ask(connection, "write", "g", "k", "old value"), success);
+    {
+        // Another writer of the disk fills it, then leaves 64 KiB.
+        std::ofstream filler(localState() / "filler", std::ios::binary);
+        const std::string block(4096, 'f');
+        for (int i = 0; i < 1024 && filler.write(block.data(), block.size()); ++i) filler.flush();
+    }
+    fs::resize_file(localState() / "filler", fs::file_size(localState() / "filler") - (64 << 10));
+    EXPECT_EQ(ask(connection, "write", "g", "k", std::string(1 << 20, 'n')),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", "old value"));
+    // A value that fits, line ends doubled on disk included, replaces it.
+    const std::string fits = std::string(16 << 10, '\n');
+    EXPECT_EQ(ask(connection, "write", "g", "k", fits), success);
+    EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", fits));
+    EXPECT_EQ(ask(connection, "write", "g", "k", std::string(40 << 10, '\n')),
+              Reply("failed", "Write file error"));
+    EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", fits));
+}
+
+// A peer that sends its requests and then ends its stream still wants their
+// answers: each is served, a write is applied, and then the host hangs up.
+TEST_F(AppServiceHostTest, AHalfClosedPeerIsAnsweredEveryRequestItSent) {
+    startBus();
+    const AppServiceConnection connection = openStorage();
+    ASSERT_EQ(ask(connection, "write", "g", "a", std::string(256 << 10, 'a')), success);
+    const Testing::RawAppServiceClient peer(bus_->address(), storagePackage, storageAppService);
+    const auto command = [](const std::string& name, const std::string& key) {
+        return request({{u"command", name}, {u"group", "g"}, {u"key", key}});
+    };
+    for (std::uint64_t id = 1; id <= 4; ++id) ASSERT_TRUE(peer.sendRequest(id, command("read", "a")));
+    ValueSet write = command("write", "b");
+    write.Insert(u"data", PropertyValue::CreateString(hstring(u"half-closed")));
+    ASSERT_TRUE(peer.sendRequest(5, write));
+    ASSERT_TRUE(peer.sendRequest(6, command("next", "a")));
+    ASSERT_EQ(::shutdown(peer.socket(), SHUT_WR), 0);
+    std::set<std::uint64_t> answered;
+    while (const auto frame = peer.receive(Testing::patience)) {
+        EXPECT_EQ(frame->kind, AppServiceFrame::Kind::Response);
+        const Reply reply = Testing::replyOf({AppServiceResponseStatus::Success, frame->message});
+        EXPECT_EQ(reply.first, "success") << frame->requestId;
+        answered.insert(frame->requestId);
+    }
+    EXPECT_EQ(answered, (std::set<std::uint64_t>{1, 2, 3, 4, 5, 6}));
+    EXPECT_TRUE(peer.hungUpWithin(std::chrono::seconds(0)));
+    EXPECT_EQ(ask(connection, "read", "g", "b"), Reply("success", "half-closed"));
 }
 
 TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOnce) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Quorvendale/Client.hpp"
+#include "Quorvendale/Limits.h"
 #include "Support/StorageServiceBus.h"
 
 namespace Quorvendale {
@@ -322,6 +323,104 @@ TEST_F(LocalStorageClientTest, ASoakOfProcessesAndThreadsWhileTheHostIsKilledHal
     expectBackWithinASecond(start);
 }
 
+// Waits for a file another process makes; false after `limit`.
+bool appears(const fs::path& file, std::chrono::seconds limit) {
+    const auto end = Clock::now() + limit;
+    while (!fs::exists(file)) {
+        if (Clock::now() > end) return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+// As an application with 64 clients, more than the runtime's pool has
+// threads: all write and read at once, then again after each of two host
+// kills (`folder`/killed-N), when every client reconnects at once.
+int sixtyFourClients(const fs::path& folder) {
+    std::vector<Storage> clients;
+    for (int c = 0; c < 64; ++c) clients.push_back(library().local().value());
+    for (int round = 0;; ++round) {
+        std::atomic<int> failed{0};
+        std::vector<std::jthread> threads;
+        for (int c = 0; c < 64; ++c) {
+            threads.emplace_back([&, c] {
+                const std::string key = std::to_string(c), value = key + "/" + std::to_string(round);
+                try {
+                    clients[c].write("many", key, value);
+                    failed += clients[c].read("many", key) != value;
+                } catch (const std::exception& error) {
+                    std::fprintf(stderr, "client %d: %s\n", c, error.what());
+                    ++failed;
+                }
+            });
+        }
+        threads.clear();
+        if (failed > 0 || round == 2) return failed;
+        std::ofstream{folder / ("round-" + std::to_string(round))};
+        if (!appears(folder / ("killed-" + std::to_string(round)), 60s)) return 100;
+    }
+}
+
+TEST_F(LocalStorageClientTest, SixtyFourClientsInOneProcessRecoverFromEachHostKill) {
+    startBus();
+    Testing::ChildProcess application({self(), "--sixty-four-clients", package_.base()});
+    for (const std::string round : {"0", "1"}) {
+        ASSERT_TRUE(appears(package_.base() / ("round-" + round), 60s)) << "round " << round;
+        killHost();
+        std::ofstream{package_.base() / ("killed-" + round)};
+    }
+    // One activation, with time to spare, and the work of 128 operations.
+    const auto status = application.wait(slowBuild ? 60s : 20s);
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+}
+
+// As another application: overwrites one entry `rounds` times, each value
+// of `size` bytes and all of one letter.
+int overwrite(std::size_t size, int rounds) {
+    const Storage storage = library().local().value();
+    for (int i = 0; i < rounds; ++i) storage.write("shared", "entry", std::string(size, 'a' + i % 26));
+    return 0;
+}
+
+TEST_F(LocalStorageClientTest, ReadsWhileAnotherProcessOverwritesSeeOnlyWholeValues) {
+    startBus();
+    const Storage storage = connect();
+    for (const std::size_t size : {2u << 10, 100u << 10}) {
+        storage.write("shared", "entry", std::string(size, 'z'));
+        Testing::ChildProcess writer({self(), "--overwrite", std::to_string(size), "2000"});
+        int reads = 0, torn = 0;
+        for (; reads < 200'000 && (reads % 32 != 0 || !writer.wait(0ms)); ++reads) {
+            const std::string got = storage.read("shared", "entry");
+            torn += got.size() != size || got.find_first_not_of(got[0]) != std::string::npos;
+        }
+        EXPECT_EQ(torn, 0) << "of " << reads << " reads of " << size << " bytes";
+        const auto status = writer.wait();
+        EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+    }
+}
+
+// Refused before anything is sent: with the service gone for good, the
+// refusal still names the sizes, not the missing service.
+TEST_F(LocalStorageClientTest, PastTheLimitsInputIsRefusedAtOnceAndTheLimitsThemselvesAreCarried) {
+    startBus();
+    const Storage storage = connect();
+    const std::string name(QV_LOCAL_MAX_NAME_BYTES, 'n');
+    std::string value(QV_LOCAL_MAX_VALUE_BYTES, 'v');
+    storage.write(name, name, value);
+    EXPECT_TRUE(storage.read(name, name) == value);
+    fs::remove(serviceFile());
+    bus_->reloadServices();
+    killHost();
+    value += 'v';
+    EXPECT_EQ(failureOf([&] { storage.write("g", "k", value); }),
+              "The value is too large: 32505857 bytes, the largest the local client carries is "
+              "32505856 bytes");
+    EXPECT_EQ(failureOf([&] { storage.read(name + 'n', "k"); }),
+              "The group is too long: 256 bytes, the longest the local client carries is 255 bytes");
+    EXPECT_EQ(failureOf([&] { storage.next("g", name + 'n'); }),
+              "The key is too long: 256 bytes, the longest the local client carries is 255 bytes");
+}
+
 }  // namespace
 }  // namespace Quorvendale
 
@@ -329,6 +428,9 @@ TEST_F(LocalStorageClientTest, ASoakOfProcessesAndThreadsWhileTheHostIsKilledHal
 int main(int argc, char** argv) {
     const std::string role = argc > 1 ? argv[1] : "";
     if (role == "--read-until-killed" && argc == 3) return Quorvendale::readUntilKilled(argv[2]);
+    if (role == "--sixty-four-clients" && argc == 3) return Quorvendale::sixtyFourClients(argv[2]);
+    if (role == "--overwrite" && argc == 4)
+        return Quorvendale::overwrite(std::stoul(argv[2]), std::atoi(argv[3]));
     if (role == "--soak" && argc == 5)
         return Quorvendale::soak(argv[2], argv[3], std::chrono::seconds(std::atoi(argv[4])));
     testing::InitGoogleTest(&argc, argv);

@@ -16,6 +16,7 @@
 #include "HostLog.h"
 #include "Platform/Activation/ApplicationData.h"
 #include "Platform/AppService/AppServiceBus.h"
+#include "Platform/AppService/RuntimeLog.h"
 #include "Platform/Text/TextConversion.h"
 #include "Posix/DescriptorLimit.h"
 #include "PrivateRoot.h"
@@ -107,6 +108,7 @@ void keepLargeBuffersUntilTrimmed() {
 }
 
 int main(int argc, char** argv) {
+    Platform::enableRuntimeLog();
     blockTerminationSignals();
     ignoreFatalSignals();
     // A connection costs a descriptor: the host takes all the system lets it.

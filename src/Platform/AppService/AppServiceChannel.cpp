@@ -13,6 +13,7 @@
 #include "Platform/AppService/FrameMemory.h"
 #include "Platform/AppService/IncomingRequest.h"
 #include "Platform/AppService/RequestScheduler.h"
+#include "Platform/AppService/RuntimeLog.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
@@ -39,8 +40,11 @@ std::uint64_t nextChannelId() {
     return ++last;
 }
 
+std::atomic<bool> runtimeLogEnabled{false};
+
 // One write, so that lines of several threads never interleave.
 void logLine(const std::string& text) {
+    if (!runtimeLogEnabled.load(std::memory_order_relaxed)) return;
     const std::string line = std::string(program_invocation_short_name) + ": " + text + "\n";
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
 }
@@ -179,6 +183,7 @@ void AppServiceChannel::afterSending(std::size_t answersSent, bool queued) {
         if (answersSent > 0) {
             reconsider = reconsider || inFlight_ >= maximumRequestsInFlight;
             inFlight_ -= std::min(answersSent, inFlight_);
+            reconsider = reconsider || (peerEnded_ && inFlight_ == 0);
         }
     }
     if (reconsider) ChannelLoop::instance().reconsider(id_);
@@ -198,8 +203,9 @@ void AppServiceChannel::dropQueue() {
 AppServiceChannel::Interest AppServiceChannel::interest() const {
     MutexLock lock(mutex_);
     if (closed_) return {.ended = true};
-    if (peerGone_) return {.peerGone = true};
-    return {.read = inFlight_ < maximumRequestsInFlight && !waitingForMemory_,
+    // A peer that ended its stream is done with once its last answer left.
+    if (peerGone_ || (peerEnded_ && inFlight_ == 0)) return {.peerGone = true};
+    return {.read = !peerEnded_ && inFlight_ < maximumRequestsInFlight && !waitingForMemory_,
             .write = !outgoing_.empty() && !sending_,
             .waitingForMemory = waitingForMemory_};
 }
@@ -279,15 +285,18 @@ void AppServiceChannel::readSome() {
     waitingForMemory_ = false;  // memory may have come free: it asks again
     if (!interest().read) return;
     std::size_t budget = sliceSize;
-    Received received = Received::Ended;
+    Received received = Received::Broken;
     try {
         received = receive(budget);
     } catch (const MalformedFrame&) {  // a length over the limit
     } catch (const std::bad_alloc&) {
     }
     switch (received) {
-        case Received::Ended:
+        case Received::Broken:
             close(true);
+            break;
+        case Received::Ended:
+            endOfStream();
             break;
         case Received::Waiting:
             break;
@@ -306,6 +315,27 @@ void AppServiceChannel::readSome() {
             }
             break;
         }
+    }
+}
+
+// The peer has sent all it will: a half-close, or the first sign of a
+// hang-up. What it asked before is still served, and answered as long as the
+// socket takes answers (a send that fails ends the connection); the
+// connection closes once the last answer has left. A frame the end cut short
+// is dropped. Requests of this side's own still waiting can have no answer
+// now, and end the connection at once.
+void AppServiceChannel::endOfStream() {
+    bool closeNow = false;
+    {
+        MutexLock lock(mutex_);
+        peerEnded_ = true;
+        closeNow = inFlight_ == 0 || !waiting_.empty();
+    }
+    forgetPartialFrame();
+    if (closeNow) {
+        close(true);
+    } else {
+        ChannelLoop::instance().reconsider(id_);
     }
 }
 
@@ -444,3 +474,7 @@ void AppServiceChannel::answer(std::uint64_t requestId, AppServiceResponse respo
 }
 
 }  // namespace Quorvendale::Platform::Details
+
+void Quorvendale::Platform::enableRuntimeLog() noexcept {
+    Details::runtimeLogEnabled.store(true, std::memory_order_relaxed);
+}

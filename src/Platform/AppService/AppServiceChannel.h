@@ -119,9 +119,12 @@ private:
     bool sendQueued(std::size_t& answersSent) QV_REQUIRES(mutex_);
     void afterSending(std::size_t answersSent, bool queued);
     void dropQueue() QV_REQUIRES(mutex_);
-    enum class Received { Frame, Waiting, Ended };
+    // Ended: the peer's end of stream. Broken: an error, or a frame that
+    // cannot be one.
+    enum class Received { Frame, Waiting, Ended, Broken };
     Received receive(std::size_t& budget);
     bool receiveInto(char* into, std::size_t size, std::size_t& received);
+    void endOfStream();
     void dispatch(AppServiceFrame&& frame);
     void queueRequest(std::uint64_t requestId, ValueSet message);
     void raiseEnd(bool byPeer);
@@ -142,6 +145,8 @@ private:
     mutable Mutex mutex_;
     bool closed_ QV_GUARDED_BY(mutex_) = false;
     bool peerGone_ QV_GUARDED_BY(mutex_) = false;
+    // The peer's stream has ended: nothing more is read.
+    bool peerEnded_ QV_GUARDED_BY(mutex_) = false;
     std::deque<Outgoing> outgoing_ QV_GUARDED_BY(mutex_);
     std::size_t sentOfFirst_ QV_GUARDED_BY(mutex_) = 0;
     // A thread is sending the queue's first frame, outside the lock.

@@ -2,9 +2,11 @@
 
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "InterfaceContract/ErrorReport.h"
+#include "Quorvendale/Limits.h"
 #include "Platform/Foundation/Apartment.h"
 #include "Platform/Text/TextConversion.h"
 #include "StorageClient/LocalStorageClient.h"
@@ -66,6 +68,29 @@ std::optional<std::runtime_error> attempt(const std::function<void()>& task) {
     return failure;
 }
 
+// Input larger than the local path carries is refused before anything is
+// sent: it could never arrive, and a reconnect and a retry would only hide
+// why. The texts are the ones the limits are documented with.
+void checkName(const char* what, const std::string& name) {
+    if (name.size() <= QV_LOCAL_MAX_NAME_BYTES) return;
+    throw std::runtime_error(std::string("The ") + what + " is too long: " +
+                             std::to_string(name.size()) +
+                             " bytes, the longest the local client carries is " +
+                             std::to_string(QV_LOCAL_MAX_NAME_BYTES) + " bytes");
+}
+
+void checkEntry(const std::string& group, const std::string& key) {
+    checkName("group", group);
+    checkName("key", key);
+}
+
+void checkValue(const std::string& value) {
+    if (value.size() <= QV_LOCAL_MAX_VALUE_BYTES) return;
+    throw std::runtime_error("The value is too large: " + std::to_string(value.size()) +
+                             " bytes, the largest the local client carries is " +
+                             std::to_string(QV_LOCAL_MAX_VALUE_BYTES) + " bytes");
+}
+
 }  // namespace
 
 // How the connection's events reach the client: through a pointer that the
@@ -87,7 +112,11 @@ public:
         while (target_->running != 0) target_->idle.wait(lock.forWaiting());
     }
 
-    // The handler for the connection of that generation.
+    // The handler for the connection of that generation. The runtime raises
+    // the event on its pool, and a reconnect waits for an open that needs a
+    // pool thread too: the reconnect runs on a thread of its own, so that
+    // however many clients lose their connection at once, none holds a pool
+    // thread while it waits.
     AppServiceConnection::ServiceClosedHandler serviceClosed(std::uint64_t generation) const {
         return [target = target_, generation](const AppServiceConnection&,
                                               const AppServiceClosedEventArgs&) {
@@ -98,12 +127,16 @@ public:
                 client = target->client;
                 ++target->running;
             }
-            client->onServiceClosed(generation);
-            {
-                MutexLock lock(target->mutex);
-                --target->running;
+            try {
+                std::thread([target, client, generation] {
+                    client->onServiceClosed(generation);
+                    target->leave();
+                }).detach();
+            } catch (const std::system_error&) {
+                // No thread to be had: the next operation finds the
+                // connection closed, and its retry reconnects.
+                target->leave();
             }
-            target->idle.notify_all();
         };
     }
 
@@ -113,7 +146,15 @@ private:
         Mutex mutex;
         std::condition_variable idle;
         UwpLocalStorageClient* client QV_GUARDED_BY(mutex);
-        int running QV_GUARDED_BY(mutex) = 0;  // handlers that took client and have not returned
+        int running QV_GUARDED_BY(mutex) = 0;  // reconnects that took client and have not ended
+
+        void leave() {
+            {
+                MutexLock lock(mutex);
+                --running;
+            }
+            idle.notify_all();
+        }
     };
     std::shared_ptr<Target> target_;
 };
@@ -122,7 +163,7 @@ UwpLocalStorageClient::UwpLocalStorageClient() : events_(std::make_unique<EventT
     connect(0);  // generation 0: no connection yet
 }
 
-// A reconnect under way on an event's thread ends first; it still has the
+// A reconnect under way on a thread of its own ends first; it still has the
 // whole client to work with.
 UwpLocalStorageClient::~UwpLocalStorageClient() { events_->detach(); }
 
@@ -141,9 +182,12 @@ std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectio
     return value < std::size(names) ? names[value] : "UnknownAppServiceConnectionStatus";
 }
 
+// The tasks take the caller's text by reference: each runs on a worker that
+// the caller joins, and a copy of a large value would cost its size again.
 std::string UwpLocalStorageClient::read(const std::string& group, const std::string& key) {
+    checkEntry(group, key);
     std::string value;
-    executeWinRT([&, group, key](const Connection& connection) {
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection,
                        {{RequestField::Command, "read"},
                         {RequestField::Group, group},
@@ -155,7 +199,9 @@ std::string UwpLocalStorageClient::read(const std::string& group, const std::str
 
 void UwpLocalStorageClient::write(const std::string& group, const std::string& key,
                                   const std::string& data) {
-    executeWinRT([&, group, key, data](const Connection& connection) {
+    checkEntry(group, key);
+    checkValue(data);
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection, {{RequestField::Command, "write"},
                                     {RequestField::Group, group},
                                     {RequestField::Key, key},
@@ -164,7 +210,8 @@ void UwpLocalStorageClient::write(const std::string& group, const std::string& k
 }
 
 void UwpLocalStorageClient::remove(const std::string& group, const std::string& key) {
-    executeWinRT([&, group, key](const Connection& connection) {
+    checkEntry(group, key);
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection, {{RequestField::Command, "remove"},
                                     {RequestField::Group, group},
                                     {RequestField::Key, key}});
@@ -172,8 +219,9 @@ void UwpLocalStorageClient::remove(const std::string& group, const std::string& 
 }
 
 std::string UwpLocalStorageClient::next(const std::string& group, const std::string& key) {
+    checkEntry(group, key);
     std::string following;
-    executeWinRT([&, group, key](const Connection& connection) {
+    executeWinRT([&](const Connection& connection) {
         executeCommand(connection,
                        {{RequestField::Command, "next"},
                         {RequestField::Group, group},
@@ -314,7 +362,7 @@ void UwpLocalStorageClient::onServiceClosed(std::uint64_t generation) {
     try {
         connect(generation);
     } catch (...) {
-        // Nobody to tell on the event's thread: the next operation finds no
+        // Nobody to tell on this thread: the next operation finds no
         // connection, and its retry reconnects.
     }
 }

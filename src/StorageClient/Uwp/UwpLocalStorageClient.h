@@ -28,7 +28,10 @@ namespace Quorvendale::StorageClient {
 // service that never answers blocks its caller.
 //
 // Text travels as UTF-16 inside the messages: group, key and data must be
-// UTF-8 text, and each is cut at its first zero byte on the way.
+// UTF-8 text, and each is cut at its first zero byte on the way. A group or
+// key over QV_LOCAL_MAX_NAME_BYTES, or a value over QV_LOCAL_MAX_VALUE_BYTES
+// (Quorvendale/Limits.h), is refused at once, with neither reconnect nor
+// retry.
 //
 // One client may be shared by many threads. Their requests travel
 // concurrently on one connection; a thread waits for another only while that
@@ -44,13 +47,14 @@ public:
     static constexpr std::string_view packageFamilyName = ServiceIdentity::packageFamilyName;
 
     enum class RequestField { Command = 0, Group = 1, Key = 2, Data = 3 };
-    // The entries of one request message, in field order.
-    using Request = std::map<RequestField, std::string>;
+    // The entries of one request message, in field order: views of the
+    // caller's text, which is converted once, into the message itself.
+    using Request = std::map<RequestField, std::string_view>;
 
     // Connects at once. Throws the error report naming the status when the
     // service cannot be opened ("AppNotInstalled", ...).
     UwpLocalStorageClient();
-    // Waits for a reconnect under way on an event's thread, then releases
+    // Waits for a reconnect under way on a thread of its own, then releases
     // the connection, which ends when its last reference goes.
     ~UwpLocalStorageClient() override;
 
@@ -119,7 +123,7 @@ private:
     bool opening_ QV_GUARDED_BY(connectionMutex_) = false;
     Platform::event_token serviceClosedToken_ QV_GUARDED_BY(connectionMutex_){};
     // How ServiceClosed reaches the client; the destructor detaches it
-    // first, waiting for a reconnect under way on an event's thread.
+    // first, waiting for a reconnect under way on a thread of its own.
     std::unique_ptr<EventTarget> events_;
 };
 

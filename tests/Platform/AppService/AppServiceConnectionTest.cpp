@@ -6,6 +6,7 @@
 
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/AppService/AppServiceFrame.h"
+#include "Platform/AppService/RuntimeLog.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Support/Waiting.h"
 
@@ -73,6 +74,26 @@ TEST(AppServiceConnection, AMessageOverTheLimitIsRefusedAndTheConnectionGoesOn) 
               AppServiceResponseStatus::MessageSizeTooLarge);
     EXPECT_EQ(await(pair.client.SendMessageAsync(numbered(3))).Status(),
               AppServiceResponseStatus::Success);
+}
+
+// A peer that takes nothing of a large message is cut off, here as in the
+// host; but an application's standard error is its own: the runtime says
+// why only once the process (the host) has switched its log on.
+TEST(AppServiceConnection, CuttingOffAPeerThatStoppedReadingIsSilentUntilTheLogIsOn) {
+    ValueSet large;
+    large.Insert(u"data", PropertyValue::CreateString(hstring(std::u16string(4 << 20, u'x'))));
+    for (const bool logging : {false, true}) {
+        if (logging) enableRuntimeLog();
+        int ends[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        const AppServiceConnection client = AppServiceConnection::fromSocket(ends[0]);
+        testing::internal::CaptureStderr();
+        const auto status = await(client.SendMessageAsync(large)).Status();
+        const std::string printed = testing::internal::GetCapturedStderr();
+        ::close(ends[1]);
+        EXPECT_EQ(status, AppServiceResponseStatus::Failure);
+        EXPECT_EQ(printed.find("stopped reading") != std::string::npos, logging) << printed;
+    }
 }
 
 }  // namespace
