@@ -314,8 +314,8 @@ double recoveryMilliseconds(const Testing::PrivateBus& bus, std::vector<Client::
 }
 
 void printRecovery(const Testing::PrivateBus& bus) {
-    std::vector<Client::Storage> one{*library->local()}, many;
-    for (int c = 0; c < 256; ++c) many.push_back(*library->local());
+    std::vector<Client::Storage> one{library->local()}, many;
+    for (int c = 0; c < 256; ++c) many.push_back(library->local());
     const int rounds = Bench::brief() ? 1 : 3;
     double single = 0, all = 0;
     for (int round = 0; round < rounds; ++round) {
@@ -331,7 +331,7 @@ void printRecovery(const Testing::PrivateBus& bus) {
 // killed (a minute at most).
 int overwriteUntilKilled() {
     const Client::Library loaded(QV_STORAGE_LIBRARY);
-    const Client::Storage client = *loaded.local();
+    const Client::Storage client = loaded.local();
     const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     for (int i = 0; i < 10'000'000 && std::chrono::steady_clock::now() < end; ++i) {
         client.write("contended", "entry", std::string(Bench::payloadBytes, 'a' + i % 26));
@@ -376,7 +376,7 @@ long statusKiB(const char* field) {
 // the growth of the peak resident size over a 30 MB write, then a read.
 int printPeakMemory() {
     const Client::Library loaded(QV_STORAGE_LIBRARY);
-    const Client::Storage client = *loaded.local();
+    const Client::Storage client = loaded.local();
     client.write("memory", "k", "warm");
     const std::size_t bytes = 30'000'000;
     const std::string value(bytes, 'v');

@@ -338,7 +338,7 @@ bool appears(const fs::path& file, std::chrono::seconds limit) {
 // kills (`folder`/killed-N), when every client reconnects at once.
 int sixtyFourClients(const fs::path& folder) {
     std::vector<Storage> clients;
-    for (int c = 0; c < 64; ++c) clients.push_back(library().local().value());
+    for (int c = 0; c < 64; ++c) clients.push_back(library().local());
     for (int round = 0;; ++round) {
         std::atomic<int> failed{0};
         std::vector<std::jthread> threads;
@@ -377,7 +377,7 @@ TEST_F(LocalStorageClientTest, SixtyFourClientsInOneProcessRecoverFromEachHostKi
 // As another application: overwrites one entry `rounds` times, each value
 // of `size` bytes and all of one letter.
 int overwrite(std::size_t size, int rounds) {
-    const Storage storage = library().local().value();
+    const Storage storage = library().local();
     for (int i = 0; i < rounds; ++i) storage.write("shared", "entry", std::string(size, 'a' + i % 26));
     return 0;
 }
@@ -403,7 +403,8 @@ TEST_F(LocalStorageClientTest, ReadsWhileAnotherProcessOverwritesSeeOnlyWholeVal
 // refusal still names the sizes, not the missing service.
 TEST_F(LocalStorageClientTest, PastTheLimitsInputIsRefusedAtOnceAndTheLimitsThemselvesAreCarried) {
     startBus();
-    const Storage storage = connect();
+    // As from the C interface: Client.hpp's own checks would refuse first.
+    const Storage storage(connect().ptr());
     const std::string name(QV_LOCAL_MAX_NAME_BYTES, 'n');
     std::string value(QV_LOCAL_MAX_VALUE_BYTES, 'v');
     storage.write(name, name, value);
