@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -195,17 +198,35 @@ constexpr std::ptrdiff_t wideBlock = 64;
 }
 #endif
 
-using Decoder = std::size_t (*)(char*, std::size_t);
-
-Decoder chooseDecoder() {
+// The decoders this processor can run, the fastest first; the portable one
+// runs anywhere and comes last.
+std::vector<Decoder> supportedDecoders() {
+    std::vector<Decoder> supported;
 #if defined(__x86_64__)
     __builtin_cpu_init();
     if (__builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi2")) {
-        return decodeAvx512;
+        supported.push_back({"avx512", decodeAvx512});
     }
-    if (__builtin_cpu_supports("avx2")) return decodeAvx2;
+    if (__builtin_cpu_supports("avx2")) supported.push_back({"avx2", decodeAvx2});
 #endif
-    return decodePortable;
+    supported.push_back({"portable", decodePortable});
+    return supported;
+}
+
+// QV_TEXT_DECODER, read once, forces any decoder the processor can run, so
+// that tests and benchmarks reach a path that a faster one would hide; a name
+// it cannot run is reported once and the fastest is used instead.
+const Decoder& chooseDecoder() {
+    const std::span<const Decoder> supported = decoders();
+    const char* const forced = std::getenv("QV_TEXT_DECODER");
+    if (forced == nullptr || *forced == '\0') return supported.front();
+    for (const Decoder& decoder : supported) {
+        if (decoder.name == forced) return decoder;
+    }
+    std::fprintf(stderr, "QV_TEXT_DECODER=%s: not a text decoder this processor runs; using %.*s\n",
+                 forced, static_cast<int>(supported.front().name.size()),
+                 supported.front().name.data());
+    return supported.front();
 }
 
 }  // namespace
@@ -231,9 +252,19 @@ std::size_t encode(std::string_view& value, char* out, std::size_t room) {
     return used;
 }
 
+std::span<const Decoder> decoders() {
+    static const std::vector<Decoder> supported = supportedDecoders();
+    return supported;
+}
+
+const Decoder& decoderInUse() {
+    static const Decoder& chosen = chooseDecoder();
+    return chosen;
+}
+
 std::size_t decode(char* bytes, std::size_t size) {
-    static const Decoder decoder = chooseDecoder();
-    return decoder(bytes, size);
+    static const auto chosen = decoderInUse().decode;
+    return chosen(bytes, size);
 }
 
 std::size_t decodePortable(char* bytes, std::size_t size) {
