@@ -106,8 +106,10 @@ constexpr std::ptrdiff_t block = 32;
 
 // Going from mark to mark costs a mispredicted branch at nearly every line
 // end, which on text with short lines is most of the time. Once the value
-// has moved down by a chunk, chunks of 64 bytes are taken whole instead: the
-// chunk is stored as it is, then for each CR that a LF follows the bytes
+// has moved down by a chunk, chunks of 64 bytes are taken whole instead. A
+// chunk with one line end, as most are in text, is stored as the bytes before
+// its CR and then those one place further up, picked without a branch; any
+// other is stored as it is, then for each CR that a LF follows the bytes
 // after it are stored again one place further down. Every store then ends
 // below the bytes still to be read.
 constexpr std::ptrdiff_t chunk = 2 * block;
@@ -138,8 +140,23 @@ constexpr std::ptrdiff_t chunk = 2 * block;
         from = mark + 1;
     }
     // Reads reach a chunk past the one taken; a 0x1A is left to the end.
+    const __m256i placesLow = _mm256_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15,
+                                               16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28,
+                                               29, 30, 31);
+    const __m256i placesHigh = _mm256_add_epi8(placesLow, _mm256_set1_epi8(block));
     for (; end - from >= 2 * chunk && !holdsEndOfText(from); from += chunk) {
         std::uint64_t lineEnds = lineEndsIn(from) | std::uint64_t{lineEndsIn(from + block)} << block;
+        if (std::has_single_bit(lineEnds)) {
+            // 0xFF in the places before the CR.
+            const __m256i carriage = _mm256_set1_epi8(static_cast<char>(std::countr_zero(lineEnds)));
+            storeBlock(out, _mm256_blendv_epi8(loadBlock(from + 1), loadBlock(from),
+                                               _mm256_cmpgt_epi8(carriage, placesLow)));
+            storeBlock(out + block,
+                       _mm256_blendv_epi8(loadBlock(from + block + 1), loadBlock(from + block),
+                                          _mm256_cmpgt_epi8(carriage, placesHigh)));
+            out += chunk - 1;
+            continue;
+        }
         storeBlock(out, loadBlock(from));
         storeBlock(out + block, loadBlock(from + block));
         std::ptrdiff_t dropped = 0;
