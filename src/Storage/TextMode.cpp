@@ -79,8 +79,8 @@ constexpr std::ptrdiff_t block = 32;
 // minimum over blocks) is, which tells at one compare whether the blocks can
 // hold a mark. A tab or a line feed also passes; the blocks are then looked at.
 [[gnu::target("avx2")]] inline bool mayHoldMark(__m256i lowest) {
-    const __m256i low = _mm256_cmpeq_epi8(_mm256_min_epu8(lowest, _mm256_set1_epi8(endOfText)),
-                                          lowest);
+    const __m256i low =
+        _mm256_cmpeq_epi8(_mm256_min_epu8(lowest, _mm256_set1_epi8(endOfText)), lowest);
     return !_mm256_testz_si256(low, low);
 }
 
@@ -121,6 +121,10 @@ constexpr std::ptrdiff_t chunk = 2 * block;
         bytesEqual(loadBlock(from), carriageReturn), bytesEqual(loadBlock(from + 1), lineFeed))));
 }
 
+[[gnu::target("avx2")]] inline std::uint64_t lineEndsInChunk(const char* from) {
+    return lineEndsIn(from) | std::uint64_t{lineEndsIn(from + block)} << block;
+}
+
 [[gnu::target("avx2")]] inline bool holdsEndOfText(const char* from) {
     const __m256i stops = _mm256_or_si256(bytesEqual(loadBlock(from), endOfText),
                                           bytesEqual(loadBlock(from + block), endOfText));
@@ -140,15 +144,16 @@ constexpr std::ptrdiff_t chunk = 2 * block;
         from = mark + 1;
     }
     // Reads reach a chunk past the one taken; a 0x1A is left to the end.
-    const __m256i placesLow = _mm256_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15,
-                                               16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28,
-                                               29, 30, 31);
+    const __m256i placesLow =
+        _mm256_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20,
+                         21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31);
     const __m256i placesHigh = _mm256_add_epi8(placesLow, _mm256_set1_epi8(block));
     for (; end - from >= 2 * chunk && !holdsEndOfText(from); from += chunk) {
-        std::uint64_t lineEnds = lineEndsIn(from) | std::uint64_t{lineEndsIn(from + block)} << block;
+        std::uint64_t lineEnds = lineEndsInChunk(from);
         if (std::has_single_bit(lineEnds)) {
             // 0xFF in the places before the CR.
-            const __m256i carriage = _mm256_set1_epi8(static_cast<char>(std::countr_zero(lineEnds)));
+            const __m256i carriage =
+                _mm256_set1_epi8(static_cast<char>(std::countr_zero(lineEnds)));
             storeBlock(out, _mm256_blendv_epi8(loadBlock(from + 1), loadBlock(from),
                                                _mm256_cmpgt_epi8(carriage, placesLow)));
             storeBlock(out + block,
