@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string_view>
 
 namespace Quorvendale::Storage::TextMode {
@@ -24,10 +25,22 @@ constexpr std::size_t encodedSizeLimit(std::size_t size) { return 2 * size; }
 
 // Turns stored bytes into the value, in place; gives the value's length.
 // The bytes move down at most once, and not at all when nothing is dropped
-// before the end. decode uses the fastest way the processor has;
-// decodePortable is the way for any processor, given here so that tests
-// hold the two to the same answers.
+// before the end. decode uses decoderInUse(); decodePortable is the way for
+// any processor, which every other decoder must match byte for byte.
 std::size_t decode(char* bytes, std::size_t size);
 std::size_t decodePortable(char* bytes, std::size_t size);
+
+// One way of decoding, as decode does, named "avx512", "avx2" or "portable".
+struct Decoder {
+    std::string_view name;
+    std::size_t (*decode)(char* bytes, std::size_t size);
+};
+
+// Every decoder this processor runs, the fastest first, the portable one last.
+std::span<const Decoder> decoders();
+
+// The decoder decode uses, chosen at the first call: the one the environment
+// variable QV_TEXT_DECODER names, else the fastest.
+const Decoder& decoderInUse();
 
 }  // namespace Quorvendale::Storage::TextMode
