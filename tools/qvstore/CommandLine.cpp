@@ -170,8 +170,8 @@ std::string usage(const std::vector<std::string>& defaultLibraries) {
         "  --remote HOST:PORT      use the storage server at HOST:PORT instead of the\n"
         "                          local storage service\n"
         "  --library PATH          load the client library from PATH; without it, the\n"
-        "                          first that exists of the one installed with this\n"
-        "                          qvstore and the one of the build that made it:\n";
+        "                          one installed with this qvstore if it exists,\n"
+        "                          else the SONAME where the loader finds it:\n";
     for (const std::string& path : defaultLibraries)
         text += "                            " + path + "\n";
     text +=
