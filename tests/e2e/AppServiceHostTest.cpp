@@ -20,6 +20,7 @@
 #include "Support/StorageServiceBus.h"
 #include "Support/RawAppServiceClient.h"
 #include "Support/StorageMessages.h"
+#include "Support/TemporaryFolder.h"
 #include "Support/Waiting.h"
 
 namespace Quorvendale::Platform {
@@ -184,6 +185,50 @@ TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
     const AppServiceConnection connection = openStorage();
     EXPECT_NE(host(), first);
     EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", "kept"));
+}
+
+// What an administrator follows in the log: one line when the host starts,
+// one when it leaves idle, one when SIGTERM ends it.
+TEST_F(AppServiceHostTest, TheHostSaysWhenItStartsLeavesIdleAndStopsOnSigterm) {
+    startBus(" --idle-exit 1");
+    pid_t first = -1;
+    {
+        const AppServiceConnection connection = openStorage();
+        first = host();
+        EXPECT_EQ(ask(connection, "write", "g", "k", "v"), success);
+    }
+    ASSERT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0)) << bus_->log();
+    const AppServiceConnection connection = openStorage();
+    const pid_t second = host();
+    ASSERT_EQ(::kill(second, SIGTERM), 0);
+    ASSERT_TRUE(exitedWith(PrivateBus::exitStatusOf(second), 0)) << bus_->log();
+
+    const std::string log = bus_->log();
+    for (const pid_t pid : {first, second}) {
+        const std::string started = "quorvendale-apphost: started: version " QV_VERSION ", pid " +
+                                    std::to_string(pid) + ", data folder " +
+                                    localState().string() + ", confinement: ";
+        EXPECT_NE(log.find(started), log.npos) << log;
+    }
+    EXPECT_NE(log.find("quorvendale-apphost: exiting: no connection for 1 s\n"), log.npos) << log;
+    EXPECT_NE(log.find("quorvendale-apphost: stopping on SIGTERM: ending 1 connections\n"),
+              log.npos)
+        << log;
+}
+
+// Where standard error is the journal, a line begins with its priority, which
+// the journal keeps as the entry's; on any other stream, with the program.
+TEST(HostLogTest, ALineCarriesItsPriorityOnlyWhereStandardErrorIsTheJournal) {
+    const Testing::TemporaryFolder folder;
+    const std::string log = (folder.path() / "log").string();
+    const std::string run = "exec 2>" + log + "; " + QV_APPHOST + " --bogus x";
+    const std::string journal = "touch " + log + "; JOURNAL_STREAM=$(stat -c %d:%i " + log +
+                                ") sh -c '" + run + "'";
+    EXPECT_EQ(WEXITSTATUS(std::system(journal.c_str())), 2);
+    EXPECT_EQ(contentOf(log), "<3>unknown option --bogus (see --help)\n");
+    const std::string other = "JOURNAL_STREAM=1:1 sh -c '" + run + "'";
+    EXPECT_EQ(WEXITSTATUS(std::system(other.c_str())), 2);
+    EXPECT_EQ(contentOf(log), "quorvendale-apphost: unknown option --bogus (see --help)\n");
 }
 
 TEST_F(AppServiceHostTest, AWriteOverTheHostsFileSizeLimitFailsAndTheHostServesOn) {

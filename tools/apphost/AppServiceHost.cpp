@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <system_error>
@@ -289,8 +290,11 @@ int AppServiceHost::onIdleTimer(sd_event_source*, std::uint64_t, void* self) {
     return 0;
 }
 
-int AppServiceHost::onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self) {
+int AppServiceHost::onSignal(sd_event_source*, const struct signalfd_siginfo* signal,
+                             void* self) {
     auto& host = *static_cast<AppServiceHost*>(self);
+    logInfo(std::string("stopping on ") + (signal->ssi_signo == SIGINT ? "SIGINT" : "SIGTERM") +
+            ": ending " + std::to_string(host.served_->count()) + " connections");
     host.releaseName();
     host.endEverything();
     sd_event_exit(host.event_, 0);
@@ -305,6 +309,9 @@ void AppServiceHost::armIdleTimer(std::uint64_t afterMicroseconds) {
 // The name goes first, so that a call sent from now on starts a new host
 // instead of waiting on this one. Calls that reached us before are served.
 void AppServiceHost::exitWhenIdle() {
+    char idle[32];
+    std::snprintf(idle, sizeof idle, "%g", static_cast<double>(options_.idleExit.count()) / 1000);
+    logInfo(std::string("exiting: no connection for ") + idle + " s");
     releaseName();
     while (sd_bus_process(bus_, nullptr) > 0) {
     }
