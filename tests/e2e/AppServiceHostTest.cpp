@@ -11,6 +11,9 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <latch>
+#include <map>
+#include <thread>
 
 #include "AppServiceHost.h"
 #include "Posix/DescriptorLimit.h"
@@ -102,6 +105,7 @@ TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
     std::string log = bus_->log();
     if (!landlockAvailable()) log.erase(log.find("quorvendale-apphost: this kernel has no Landlock"), 1);
     if (const auto at = log.find("host: cannot hide"); at != log.npos) log.erase(at, 1);
+    if (const auto at = log.find("host: started: "); at != log.npos) log.erase(at, 1);
     EXPECT_EQ(log.find("quorvendale-apphost"), std::string::npos) << bus_->log();
 }
 
@@ -187,6 +191,95 @@ TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
     EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", "kept"));
 }
 
+// The host's counters, as an administrator reads them (qvstore status,
+// busctl): its object's properties.
+class HostProperties {
+public:
+    explicit HostProperties(const std::string& address) {
+        if (sd_bus_new(&bus_) < 0 || sd_bus_set_address(bus_, address.c_str()) < 0 ||
+            sd_bus_set_bus_client(bus_, 1) < 0 || sd_bus_start(bus_) < 0) {
+            throw std::runtime_error("cannot reach the bus at " + address);
+        }
+    }
+    ~HostProperties() { sd_bus_flush_close_unref(bus_); }
+    HostProperties(const HostProperties&) = delete;
+    HostProperties& operator=(const HostProperties&) = delete;
+
+    std::uint64_t counter(const char* name, char type = 't') const {
+        std::uint64_t wide = 0;
+        std::uint32_t narrow = 0;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        const int got = sd_bus_get_property_trivial(bus_, storagePackage, AppServiceBus::objectPath,
+                                                    AppServiceBus::interfaceName, name, &error,
+                                                    type, type == 'u' ? static_cast<void*>(&narrow)
+                                                                      : static_cast<void*>(&wide));
+        sd_bus_error_free(&error);
+        if (got < 0) throw std::runtime_error(std::string("cannot read ") + name);
+        return type == 'u' ? narrow : wide;
+    }
+
+    std::map<std::string, std::uint64_t> requests() const {
+        sd_bus_message* reply = nullptr;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        std::map<std::string, std::uint64_t> byCommand;
+        if (sd_bus_get_property(bus_, storagePackage, AppServiceBus::objectPath,
+                                AppServiceBus::interfaceName, "Requests", &error, &reply,
+                                "a{st}") >= 0 &&
+            sd_bus_message_enter_container(reply, 'a', "{st}") >= 0) {
+            const char* command = nullptr;
+            std::uint64_t count = 0;
+            while (sd_bus_message_read(reply, "{st}", &command, &count) > 0) byCommand[command] = count;
+        }
+        sd_bus_error_free(&error);
+        sd_bus_message_unref(reply);
+        return byCommand;
+    }
+
+private:
+    sd_bus* bus_ = nullptr;
+};
+
+// Many clients at once, each on its own connection: every request is
+// counted once, every failure once, and the peak is every connection open
+// together.
+TEST_F(AppServiceHostTest, CountersAreExactUnderManyConcurrentClients) {
+    constexpr int clients = 24;
+    constexpr int rounds = 20;
+    startBus();
+    std::latch allOpen(clients);
+    std::vector<std::thread> threads;
+    for (int client = 0; client < clients; ++client) {
+        threads.emplace_back([&, client] {
+            const AppServiceConnection connection = openStorage();
+            allOpen.arrive_and_wait();
+            const std::string group = "g" + std::to_string(client);
+            for (int round = 0; round < rounds; ++round) {
+                const std::string key = "k" + std::to_string(round);
+                EXPECT_EQ(ask(connection, "write", group, key, "value"), success);
+                EXPECT_EQ(ask(connection, "read", group, key), Reply("success", "value"));
+            }
+            EXPECT_EQ(ask(connection, "read", group, "missing").first, "failed");
+            EXPECT_EQ(ask(connection, ValueSet()), success);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    const HostProperties host(bus_->address());
+    const std::map<std::string, std::uint64_t> expected{
+        {"exists", clients}, {"read", clients * (rounds + 1)}, {"write", clients * rounds}};
+    EXPECT_EQ(host.requests(), expected);
+    EXPECT_EQ(host.counter("RequestsFailed"), std::uint64_t{clients});
+    EXPECT_EQ(host.counter("ConnectionsPeak", 'u'), std::uint64_t{clients});
+    EXPECT_EQ(host.counter("ConnectionsRefused"), 0u);
+    EXPECT_EQ(host.counter("PeersCutOff"), 0u);
+    EXPECT_EQ(host.counter("ProcessId", 'u'), static_cast<std::uint64_t>(this->host()));
+    // Each value went in once and came out once, inside frames.
+    EXPECT_GT(host.counter("BytesReceived"), std::uint64_t{clients * rounds * 2 * 5});
+    EXPECT_GT(host.counter("BytesSent"), std::uint64_t{clients * rounds * 2 * 5});
+    EXPECT_EQ(host.counter("FrameMemoryCeiling"), std::uint64_t{128} << 20);
+    EXPECT_TRUE(eventually([&] { return host.counter("Connections", 'u') == 0; }));
+}
+
 // What an administrator follows in the log: one line when the host starts,
 // one when it leaves idle, one when SIGTERM ends it.
 TEST_F(AppServiceHostTest, TheHostSaysWhenItStartsLeavesIdleAndStopsOnSigterm) {
@@ -266,6 +359,7 @@ TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOn
 
     EXPECT_TRUE(eventually([&] { return bus_->log().find("stopped reading") != std::string::npos; }));
     EXPECT_TRUE(attacker.hungUpWithin(std::chrono::seconds(2)));
+    EXPECT_EQ(HostProperties(bus_->address()).counter("PeersCutOff"), 1u);
 }
 
 TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnRequest) {
@@ -313,6 +407,12 @@ TEST_F(AppServiceHostTest, ThousandsOfConnectionsAreServedAndPastItsDescriptorsO
     descriptors.rlim_cur = AppHost::AppServiceHost::descriptorMargin + count + 1;
     ASSERT_EQ(::prlimit(served, RLIMIT_NOFILE, &descriptors, nullptr), 0);
     EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+    {
+        const HostProperties properties(bus_->address());
+        EXPECT_EQ(properties.counter("ConnectionsRefused"), 1u);
+        EXPECT_EQ(properties.counter("ConnectionsPeak", 'u'), count + 1);
+        EXPECT_EQ(properties.counter("Connections", 'u'), count + 1);
+    }
     held.pop_back();
     EXPECT_TRUE(eventually([] { return openStatus(storagePackage) == Status::Success; }));
     held.clear();
