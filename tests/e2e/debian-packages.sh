@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Builds the Debian packages in a tree of their own (prefix /usr, Debian's
 # build flags, no tests), checks them with lintian, then, as root only,
-# installs them with dpkg, has the installed qvstore served by a private bus
-# whose service folder is /usr/share/dbus-1/services, and purges them, after
-# which nothing of them may be left.
+# installs them with dpkg, checks the systemd user unit, has the installed
+# qvstore served by a private bus whose service folder is
+# /usr/share/dbus-1/services and reads the host's counters before and after,
+# installs them again over themselves and uses them again, and purges them,
+# after which nothing of them may be left.
 #
 # Usage: debian-packages.sh WORK_DIR SOURCE_DIR     (exit 77: install skipped)
 set -euo pipefail
 work=$(realpath -m "$1")
 source=$(realpath "$2")
 tree=$work/build
-packages=(libquorvendalestorageclient1 libquorvendalestorageclient-dev quorvendale-tools)
+packages=(libquorvendalestorageclient1 quorvendale-service libquorvendalestorageclient-dev quorvendale-tools)
 fail() { echo "debian-packages: $*" >&2; exit 1; }
 
 eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
@@ -21,7 +23,7 @@ cmake --build "$tree" -j "$(nproc)" >/dev/null
 rm -rf "$work/debs"
 (cd "$tree" && cpack -G DEB -B "$work/debs" >/dev/null)
 debs=("$work"/debs/*.deb)
-[ ${#debs[@]} = 3 ] || fail "expected three packages, got: ${debs[*]}"
+[ ${#debs[@]} = ${#packages[@]} ] || fail "expected ${#packages[@]} packages, got: ${debs[*]}"
 for deb in "${debs[@]}"; do
     echo "== $(basename "$deb")"
     dpkg-deb -f "$deb" Package Version Depends Recommends
@@ -55,22 +57,69 @@ int main() {
 CPP
 g++ -std=c++17 -o "$work/consumer/consumer" "$work/consumer/consumer.cpp" \
     $(pkg-config --cflags --libs quorvendale)
-"$source/scripts/private-bus" --services /usr/share/dbus-1/services -- bash -c '
-    set -e
-    printf "a\nb" | qvstore write g k
-    [ "$(qvstore read g k)" = "$(printf "a\nb")" ]
-    [ "$("$1")" = "$(printf "a\nb")" ]
-    status=0; qvstore read g missing 2>/dev/null || status=$?; [ $status = 1 ]
-' installed "$work/consumer/consumer" || fail "the installed service did not serve the installed qvstore"
+# Served by the installed host; `qvstore status` never starts it, and its
+# counters rise by what was done.
+use_installed() {
+    rm -rf "$XDG_DATA_HOME"
+    "$source/scripts/private-bus" --services /usr/share/dbus-1/services -- bash -c '
+        set -e
+        status=0; qvstore status 2>"$2/status.err" || status=$?
+        [ $status = 3 ] && grep -q "not running" "$2/status.err"
+        printf "a\nb" | qvstore write g k
+        [ "$(qvstore read g k)" = "$(printf "a\nb")" ]
+        [ "$("$1")" = "$(printf "a\nb")" ]
+        status=0; qvstore read g missing 2>/dev/null || status=$?; [ $status = 1 ]
+        qvstore status | grep -q "^requests .*write 1"
+        before=$(qvstore status --json)
+        qvstore write g k2 v
+        after=$(qvstore status --json)
+        writes() { sed "s/.*\"write\":\([0-9]*\).*/\1/" <<<"$1"; }
+        [ "$(writes "$before")" = 1 ] && [ "$(writes "$after")" = 2 ]
+        busctl --user introspect "$3" /org/quorvendale/AppServiceHost org.quorvendale.AppServiceHost |
+            grep -q "^\.RequestsFailed *property *t "
+        [ "$(busctl --user get-property "$3" /org/quorvendale/AppServiceHost \
+                org.quorvendale.AppServiceHost Version)" = "s \"$4\"" ]
+    ' installed "$work/consumer/consumer" "$work" "$package" "$version"
+}
+. "$tree/service-identity.env"
+package=$package_family_name
+version=$(dpkg-deb -f "$work"/debs/quorvendale-service_*.deb Version | sed 's/-[^-]*$//')
+use_installed || fail "the installed service did not serve the installed qvstore"
+
 man -l /usr/share/man/man1/qvstore.1.gz >/dev/null 2>&1 || fail "qvstore(1) does not render"
-ldd /usr/bin/quorvendale-apphost | grep -q "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" ||
+man -l /usr/share/man/man1/quorvendale-apphost.1.gz >/dev/null 2>&1 ||
+    fail "quorvendale-apphost(1) does not render"
+host=/usr/libexec/quorvendale/quorvendale-apphost
+ldd "$host" | grep -q "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" ||
     fail "the host does not find the platform library in its private folder"
+library=$(ls /usr/lib/*/libQuorvendaleStorageClient.so.1.*)
+[[ $library =~ \.so\.1\.[0-9]+\.[0-9]+$ ]] || fail "the library file is not named after its SONAME: $library"
+[ "$(pkg-config --cflags --libs quorvendale)" = "-lQuorvendaleStorageClient -ldl" ] ||
+    fail "pkg-config's flags are not clean: $(pkg-config --cflags --libs quorvendale)"
+# No path of the build in anything installed; qvstore names none either.
+while read -r path; do
+    if [ -f "$path" ] && grep -qF "$source" "$path"; then fail "$path names the build: $source"; fi
+done <"$files"
+if qvstore --help | grep -qF "$source"; then fail "qvstore --help names the build"; fi
+unit=/usr/lib/systemd/user/quorvendale-storage.service
+grep -qx "SystemdService=quorvendale-storage.service" /usr/share/dbus-1/services/"$package".service ||
+    fail "the D-Bus service file does not name the systemd unit"
+# The user manager's tools want a runtime folder of the user's, which a root
+# session need not have.
+mkdir -p -m 700 "$work/runtime"
+verified=$(XDG_RUNTIME_DIR=$work/runtime systemd-analyze --user verify "$unit" 2>&1) ||
+    fail "systemd-analyze rejects the unit: $verified"
+[ -z "$verified" ] || fail "systemd-analyze warns about the unit: $verified"
+
+# Installed again over itself, it serves as before.
+dpkg -i "${debs[@]}" >/dev/null
+use_installed || fail "the packages installed over themselves did not serve"
 
 dpkg --purge "${packages[@]}" >/dev/null
 trap - EXIT
 left=$(while read -r path; do if [ -e "$path" ] && [ ! -d "$path" ]; then echo "$path"; fi; done <"$files")
 [ -z "$left" ] || fail "left after purge: $left"
-for folder in /usr/include/Quorvendale /usr/lib/*/quorvendale /usr/lib/*/cmake/Quorvendale; do
+for folder in /usr/include/Quorvendale /usr/lib/*/quorvendale /usr/lib/*/cmake/Quorvendale /usr/libexec/quorvendale; do
     [ ! -e "$folder" ] || fail "left after purge: $folder"
 done
-echo "debian-packages: built, lintian-clean, installed, served the installed qvstore, purged"
+echo "debian-packages: built, lintian-clean, installed, served the installed qvstore, reinstalled, purged"
