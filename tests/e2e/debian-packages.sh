@@ -41,7 +41,15 @@ for package in "${packages[@]}"; do
 done
 files=$work/files
 for deb in "${debs[@]}"; do dpkg-deb -c "$deb"; done | awk '{print substr($6, 2)}' | sort -u >"$files"
-trap 'dpkg --purge "${packages[@]}" >/dev/null 2>&1 || true' EXIT
+manager=""
+end_manager() {
+    if [ -n "$manager" ]; then
+        kill -KILL "$manager" 2>/dev/null || true
+        wait "$manager" 2>/dev/null || true
+        manager=""
+    fi
+}
+trap 'end_manager; dpkg --purge "${packages[@]}" >/dev/null 2>&1 || true' EXIT
 dpkg -i "${debs[@]}" >/dev/null
 
 export XDG_DATA_HOME=$work/data
@@ -94,8 +102,8 @@ ldd "$host" | grep -q "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" ||
     fail "the host does not find the platform library in its private folder"
 library=$(ls /usr/lib/*/libQuorvendaleStorageClient.so.1.*)
 [[ $library =~ \.so\.1\.[0-9]+\.[0-9]+$ ]] || fail "the library file is not named after its SONAME: $library"
-[ "$(pkg-config --cflags --libs quorvendale)" = "-lQuorvendaleStorageClient -ldl" ] ||
-    fail "pkg-config's flags are not clean: $(pkg-config --cflags --libs quorvendale)"
+flags=$(echo $(pkg-config --cflags --libs quorvendale))
+[ "$flags" = "-lQuorvendaleStorageClient -ldl" ] || fail "pkg-config's flags are not clean: $flags"
 # No path of the build in anything installed; qvstore names none either.
 while read -r path; do
     if [ -f "$path" ] && grep -qF "$source" "$path"; then fail "$path names the build: $source"; fi
@@ -110,6 +118,42 @@ mkdir -p -m 700 "$work/runtime"
 verified=$(XDG_RUNTIME_DIR=$work/runtime systemd-analyze --user verify "$unit" 2>&1) ||
     fail "systemd-analyze rejects the unit: $verified"
 [ -z "$verified" ] || fail "systemd-analyze warns about the unit: $verified"
+
+# Activation through a systemd user manager, as in a session that has one:
+# the manager's own session bus asks it to start the unit. The manager runs
+# only where the machine was booted with systemd (it looks for
+# /run/systemd/system), so where that folder is missing it runs in a mount
+# namespace that has it; and in a PID namespace of its own, whose every
+# process ends when the namespace's first one does (unshare --kill-child).
+through_user_manager() (
+    set -e
+    home=$work/manager
+    rm -rf "$home"
+    mkdir -p -m 700 "$home"
+    export XDG_RUNTIME_DIR=$home HOME=$home DBUS_SESSION_BUS_ADDRESS=unix:path=$home/bus
+    unset XDG_DATA_HOME
+    unshare --mount --propagation private --pid --fork --mount-proc --kill-child sh -c '
+        [ -d /run/systemd/system ] || { mount -t tmpfs tmpfs /run/systemd && mkdir /run/systemd/system; }
+        /lib/systemd/systemd --user; exit $?' >"$home/manager.log" 2>&1 &
+    manager=$!
+    trap 'status=$?; end_manager; [ $status = 0 ] ||
+        echo "debian-packages: activation through a user manager failed; it said: $(cat "$home/manager.log")" >&2' EXIT
+    for _ in $(seq 100); do [ -S "$home/bus" ] && break; sleep 0.1; done
+    qvstore write g k "through systemd"
+    [ "$(qvstore read g k)" = "through systemd" ]
+    [ -f "$home/.local/share/Packages/$package/LocalState/g/k" ]
+    unit=quorvendale-storage.service
+    [ "$(systemctl --user show -p MainPID --value $unit)" = "$(qvstore status --json | sed 's/.*"ProcessId":\([0-9]*\).*/\1/')" ]
+    for _ in $(seq 50); do
+        text=$(systemctl --user show -p StatusText --value $unit)
+        [[ $text =~ ^0\ connections,\ [0-9]+\ requests$ ]] && break
+        sleep 0.1
+    done
+    [[ $text =~ ^0\ connections,\ [0-9]+\ requests$ ]] || { echo "status text: $text" >&2; false; }
+    systemctl --user stop $unit
+    status=0; qvstore status 2>/dev/null || status=$?; [ $status = 3 ]
+)
+through_user_manager
 
 # Installed again over itself, it serves as before.
 dpkg -i "${debs[@]}" >/dev/null

@@ -32,9 +32,9 @@ loaded=$(LD_DEBUG=files "$prefix/bin/qvstore" --remote 127.0.0.1:1 exists 2>&1 >
 grep -qF "file=$prefix/lib/libQuorvendaleStorageClient.so.1 " <<<"$loaded" ||
     fail "the installed qvstore does not load the library installed with it"
 
-[ "$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs quorvendale)" = \
-  "-I$prefix/include -L$prefix/lib -lQuorvendaleStorageClient -ldl" ] ||
-    fail "pkg-config's flags are not the prefix's: $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs quorvendale)"
+flags=$(echo $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs quorvendale))
+[ "$flags" = "-I$prefix/include -L$prefix/lib -lQuorvendaleStorageClient -ldl" ] ||
+    fail "pkg-config's flags are not the prefix's: $flags"
 ! "$prefix/bin/qvstore" --help | grep -F "$(realpath "$build")" || fail "qvstore --help names the build tree"
 
 mkdir -p "$work/consumer"
