@@ -142,15 +142,21 @@ through_user_manager() (
     qvstore write g k "through systemd"
     [ "$(qvstore read g k)" = "through systemd" ]
     [ -f "$home/.local/share/Packages/$package/LocalState/g/k" ]
-    unit=quorvendale-storage.service
-    [ "$(systemctl --user show -p MainPID --value $unit)" = "$(qvstore status --json | sed 's/.*"ProcessId":\([0-9]*\).*/\1/')" ]
+    # The manager's own API on the session bus (its private socket, which
+    # systemctl uses, refuses a client now and then from outside its PID
+    # namespace).
+    unit=/org/freedesktop/systemd1/unit/quorvendale_2dstorage_2eservice
+    property() { busctl --user get-property org.freedesktop.systemd1 $unit "org.freedesktop.systemd1.$1" "$2"; }
+    [ "$(property Service MainPID)" = "u $(qvstore status --json | sed 's/.*"ProcessId":\([0-9]*\).*/\1/')" ]
     for _ in $(seq 50); do
-        text=$(systemctl --user show -p StatusText --value $unit)
-        [[ $text =~ ^0\ connections,\ [0-9]+\ requests$ ]] && break
+        text=$(property Service StatusText)
+        [[ $text =~ ^s\ \"0\ connections,\ [0-9]+\ requests\"$ ]] && break
         sleep 0.1
     done
-    [[ $text =~ ^0\ connections,\ [0-9]+\ requests$ ]] || { echo "status text: $text" >&2; false; }
-    systemctl --user stop $unit
+    [[ $text =~ ^s\ \"0\ connections,\ [0-9]+\ requests\"$ ]] || { echo "status text: $text" >&2; false; }
+    busctl --user call org.freedesktop.systemd1 /org/freedesktop/systemd1 \
+        org.freedesktop.systemd1.Manager StopUnit ss quorvendale-storage.service replace >/dev/null
+    for _ in $(seq 50); do [ "$(property Unit ActiveState)" = 's "inactive"' ] && break; sleep 0.1; done
     status=0; qvstore status 2>/dev/null || status=$?; [ $status = 3 ]
 )
 through_user_manager
