@@ -90,21 +90,20 @@ void HostStatus::notify(const std::string& message) const {
 }
 
 int HostStatus::appendProperty(std::string_view name, sd_bus_message* reply) const {
-    const HostStatus& status = *this;
     if (name == "Version") return sd_bus_message_append(reply, "s", QV_VERSION);
     if (name == "ProcessId") {
         return sd_bus_message_append(reply, "u", static_cast<std::uint32_t>(::getpid()));
     }
-    if (name == "StartedAt") return sd_bus_message_append(reply, "t", status.startedAt_);
+    if (name == "StartedAt") return sd_bus_message_append(reply, "t", startedAt_);
     if (name == "Connections") {
-        return sd_bus_message_append(reply, "u", static_cast<std::uint32_t>(status.connectionsNow_));
+        return sd_bus_message_append(reply, "u", static_cast<std::uint32_t>(connectionsNow_));
     }
     if (name == "ConnectionsPeak") {
         return sd_bus_message_append(reply, "u",
-                                     static_cast<std::uint32_t>(status.connectionsPeak_));
+                                     static_cast<std::uint32_t>(connectionsPeak_));
     }
     if (name == "ConnectionsRefused") {
-        return sd_bus_message_append(reply, "t", status.connectionsRefused_);
+        return sd_bus_message_append(reply, "t", connectionsRefused_);
     }
     const auto snapshot = AppServiceStatistics::snapshot();
     if (name == "Requests") {
