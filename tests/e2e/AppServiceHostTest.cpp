@@ -208,7 +208,7 @@ public:
     std::uint64_t counter(const char* name, char type = 't') const {
         std::uint64_t wide = 0;
         std::uint32_t narrow = 0;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
         const int got = sd_bus_get_property_trivial(bus_, storagePackage, AppServiceBus::objectPath,
                                                     AppServiceBus::interfaceName, name, &error,
                                                     type, type == 'u' ? static_cast<void*>(&narrow)
@@ -220,7 +220,7 @@ public:
 
     std::map<std::string, std::uint64_t> requests() const {
         sd_bus_message* reply = nullptr;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
         std::map<std::string, std::uint64_t> byCommand;
         if (sd_bus_get_property(bus_, storagePackage, AppServiceBus::objectPath,
                                 AppServiceBus::interfaceName, "Requests", &error, &reply,

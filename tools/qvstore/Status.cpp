@@ -89,7 +89,7 @@ Properties askTheHost() {
     }
     sd_bus_message* call = nullptr;
     sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
     int result = sd_bus_message_new_method_call(bus, &call, ServiceIdentity::packageFamilyName.data(),
                                                 hostObject, "org.freedesktop.DBus.Properties",
                                                 "GetAll");
