@@ -34,7 +34,7 @@ lintian --fail-on error "${debs[@]}" || fail "lintian found errors"
 
 [ "$(id -u)" = 0 ] || { echo "debian-packages: skipped installing: dpkg -i needs root"; exit 77; }
 for package in "${packages[@]}"; do
-    if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
+    if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep "ok installed" >/dev/null; then
         echo "debian-packages: skipped installing: $package is installed on this machine already"
         exit 77
     fi
@@ -98,7 +98,7 @@ man -l /usr/share/man/man1/qvstore.1.gz >/dev/null 2>&1 || fail "qvstore(1) does
 man -l /usr/share/man/man1/quorvendale-apphost.1.gz >/dev/null 2>&1 ||
     fail "quorvendale-apphost(1) does not render"
 host=/usr/libexec/quorvendale/quorvendale-apphost
-ldd "$host" | grep -q "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" ||
+ldd "$host" | grep "=> /usr/.*/quorvendale/libQuorvendalePlatform.so" >/dev/null ||
     fail "the host does not find the platform library in its private folder"
 library=$(ls /usr/lib/*/libQuorvendaleStorageClient.so.1.*)
 [[ $library =~ \.so\.1\.[0-9]+\.[0-9]+$ ]] || fail "the library file is not named after its SONAME: $library"
@@ -108,7 +108,7 @@ flags=$(echo $(pkg-config --cflags --libs quorvendale))
 while read -r path; do
     if [ -f "$path" ] && grep -qF "$source" "$path"; then fail "$path names the build: $source"; fi
 done <"$files"
-if qvstore --help | grep -qF "$source"; then fail "qvstore --help names the build"; fi
+if qvstore --help | grep -F "$source" >/dev/null; then fail "qvstore --help names the build"; fi
 unit=/usr/lib/systemd/user/quorvendale-storage.service
 grep -qx "SystemdService=quorvendale-storage.service" /usr/share/dbus-1/services/"$package".service ||
     fail "the D-Bus service file does not name the systemd unit"
