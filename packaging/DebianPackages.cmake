@@ -1,7 +1,10 @@
-# `cpack -G DEB` in a build tree configured for /usr: three packages, named
+# `cpack -G DEB` in a build tree configured for /usr: four packages, named
 # the Debian way (the library package after its SONAME).
-#   runtime  libquorvendalestorageclient1: the client library, the platform
-#            library in its private folder, the host and the D-Bus service file
+#   runtime  libquorvendalestorageclient1: the client library and the
+#            platform library in its private folder, nothing else, so that a
+#            future ...2 installs beside it
+#   service  quorvendale-service: the host under /usr/libexec/quorvendale,
+#            its man page, the D-Bus service file and the systemd user unit
 #   dev      libquorvendalestorageclient-dev: headers, the .so link,
 #            pkg-config and CMake files
 #   tools    quorvendale-tools: qvstore, its man page and bash completion
@@ -10,6 +13,7 @@ get_target_property(QV_SOVERSION QuorvendaleStorageClient SOVERSION)
 set(QV_DEB_RUNTIME libquorvendalestorageclient${QV_SOVERSION})
 set(QV_DEB_DEV libquorvendalestorageclient-dev)
 set(QV_DEB_TOOLS quorvendale-tools)
+set(QV_DEB_SERVICE quorvendale-service)
 set(QV_DEB_PYTHON python3-quorvendale)
 set(QV_DEB_VERSION ${PROJECT_VERSION}-1)
 
@@ -20,14 +24,17 @@ set(CPACK_PACKAGE_CONTACT "Quorvendale developers <quorvendale@example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev tools python)
+set(CPACK_COMPONENTS_ALL runtime service dev tools python)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # dpkg-shlibdeps works out the dependencies on system libraries; the
 # platform library is the runtime package's own.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_INSTALL_PREFIX}/${QV_PRIVATE_LIBDIR})
+# The host's package finds it in the build tree, as it is not in its own.
+get_target_property(platformBuildDir QuorvendalePlatform BINARY_DIR)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_INSTALL_PREFIX}/${QV_PRIVATE_LIBDIR}
+    ${platformBuildDir})
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${QV_DEB_RUNTIME})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
@@ -40,13 +47,27 @@ file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/shlibs
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_BINARY_DIR}/shlibs ${CMAKE_CURRENT_BINARY_DIR}/triggers)
-# The service is started by a session bus; any D-Bus session bus will do.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "default-dbus-session-bus | dbus-session-bus")
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Quorvendale storage client library and storage service
+# The library's local client talks to the service, which another package
+# holds: a program that uses only the remote client needs no service.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS ${QV_DEB_SERVICE})
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Quorvendale storage client library
 A small persistent key-value store (group, key, value) for applications,
 reached through reference-counted binary interfaces that any compiler can
-call. This package holds the client library, its private platform library,
-and the storage service's host, which the session bus starts on demand.")
+call. This package holds the client library and its private platform
+library.")
+
+set(CPACK_DEBIAN_SERVICE_PACKAGE_NAME ${QV_DEB_SERVICE})
+set(CPACK_DEBIAN_SERVICE_PACKAGE_SECTION misc)
+# The host loads the library (by path, which dpkg-shlibdeps cannot see) and
+# links the platform library beside it. It is started by a session bus; any
+# D-Bus session bus will do.
+set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS "${QV_DEB_RUNTIME} (= ${QV_DEB_VERSION})")
+set(CPACK_DEBIAN_SERVICE_PACKAGE_RECOMMENDS "default-dbus-session-bus | dbus-session-bus")
+set(CPACK_DEBIAN_SERVICE_DESCRIPTION "Quorvendale storage service
+The service behind the Quorvendale storage client library's local client:
+a host that the session bus starts on demand (through the systemd user
+manager where the session has one), confined to its one data folder, that
+keeps each entry as a file and leaves when idle.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${QV_DEB_DEV})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)

@@ -17,11 +17,11 @@ add_custom_target(Documentation ALL DEPENDS ${compressed})
 set(manDir ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qvstore.1.gz DESTINATION ${manDir} COMPONENT tools)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quorvendale-apphost.1.gz DESTINATION ${manDir}
-        COMPONENT runtime)
+        COMPONENT service)
 install(FILES qvstore.bash-completion RENAME qvstore
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 # One changelog serves them all: the same source and version.
-foreach(component runtime dev tools python)
+foreach(component runtime service dev tools python)
   string(TOUPPER ${component} upper)
   install(FILES copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${QV_DEB_${upper}} COMPONENT ${component})

@@ -3,6 +3,7 @@
 #include <exception>
 #include <string>
 
+#include "Platform/AppService/AppServiceStatistics.h"
 #include "Platform/AppService/AppServiceTriggerDetails.h"
 #include "Platform/Text/TextConversion.h"
 #include "ServiceIdentity.h"
@@ -53,6 +54,21 @@ void execute(const ValueSet& message, ValueSet& reply) {
     }
 }
 
+// The command as the host's statistics count it: the store's own names,
+// "exists" for the empty request that probes the service, "other" for the
+// rest, so that no peer can add names.
+std::string_view countedCommand(const ValueSet& message) {
+    if (!message.HasKey(u"command")) return "exists";
+    try {
+        const hstring command = unbox_value<hstring>(message.Lookup(u"command"));
+        for (const std::string_view known : {"read", "write", "remove", "next"}) {
+            if (command == hstring(utf8ToUtf16(known))) return known;
+        }
+    } catch (...) {
+    }
+    return "other";
+}
+
 }  // namespace
 
 hstring StorageService::GetRuntimeClassName() const {
@@ -81,8 +97,10 @@ void StorageService::onRequestReceived(const AppServiceConnection&,
     const AppServiceDeferral deferral = args.GetDeferral();
     const AppServiceRequest request = args.Request();
     ValueSet reply;
+    bool failed = true;
     try {
         execute(request.Message(), reply);
+        failed = unbox_value<hstring>(reply.Lookup(u"status")) != u"success";
     } catch (const std::exception& error) {
         setResponse(reply, u"failed", error.what());
     } catch (...) {
@@ -90,6 +108,7 @@ void StorageService::onRequestReceived(const AppServiceConnection&,
         // standard exceptions and carry no text the client should see.
         setResponse(reply, u"failed", "Unknown exception");
     }
+    AppServiceStatistics::request(countedCommand(request.Message()), failed);
     request.SendResponseAsync(reply).Completed([deferral](auto&, auto) { deferral.Complete(); });
 }
 

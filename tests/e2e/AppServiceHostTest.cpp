@@ -15,6 +15,9 @@
 #include <set>
 #include <filesystem>
 #include <fstream>
+#include <latch>
+#include <map>
+#include <thread>
 
 #include "AppServiceHost.h"
 #include "Posix/DescriptorLimit.h"
@@ -24,6 +27,7 @@
 #include "Support/StorageServiceBus.h"
 #include "Support/RawAppServiceClient.h"
 #include "Support/StorageMessages.h"
+#include "Support/TemporaryFolder.h"
 #include "Support/Waiting.h"
 
 namespace Quorvendale::Platform {
@@ -105,6 +109,7 @@ TEST_F(AppServiceHostTest, ServesEveryCommandFromAHostItStarted) {
     std::string log = bus_->log();
     if (!landlockAvailable()) log.erase(log.find("quorvendale-apphost: this kernel has no Landlock"), 1);
     if (const auto at = log.find("host: cannot hide"); at != log.npos) log.erase(at, 1);
+    if (const auto at = log.find("host: started: "); at != log.npos) log.erase(at, 1);
     EXPECT_EQ(log.find("quorvendale-apphost"), std::string::npos) << bus_->log();
 }
 
@@ -188,6 +193,139 @@ TEST_F(AppServiceHostTest, AnIdleHostLeavesAndTheNextOpenStartsAnother) {
     const AppServiceConnection connection = openStorage();
     EXPECT_NE(host(), first);
     EXPECT_EQ(ask(connection, "read", "g", "k"), Reply("success", "kept"));
+}
+
+// The host's counters, as an administrator reads them (qvstore status,
+// busctl): its object's properties.
+class HostProperties {
+public:
+    explicit HostProperties(const std::string& address) {
+        if (sd_bus_new(&bus_) < 0 || sd_bus_set_address(bus_, address.c_str()) < 0 ||
+            sd_bus_set_bus_client(bus_, 1) < 0 || sd_bus_start(bus_) < 0) {
+            throw std::runtime_error("cannot reach the bus at " + address);
+        }
+    }
+    ~HostProperties() { sd_bus_flush_close_unref(bus_); }
+    HostProperties(const HostProperties&) = delete;
+    HostProperties& operator=(const HostProperties&) = delete;
+
+    std::uint64_t counter(const char* name, char type = 't') const {
+        std::uint64_t wide = 0;
+        std::uint32_t narrow = 0;
+        sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
+        const int got = sd_bus_get_property_trivial(bus_, storagePackage, AppServiceBus::objectPath,
+                                                    AppServiceBus::interfaceName, name, &error,
+                                                    type, type == 'u' ? static_cast<void*>(&narrow)
+                                                                      : static_cast<void*>(&wide));
+        sd_bus_error_free(&error);
+        if (got < 0) throw std::runtime_error(std::string("cannot read ") + name);
+        return type == 'u' ? narrow : wide;
+    }
+
+    std::map<std::string, std::uint64_t> requests() const {
+        sd_bus_message* reply = nullptr;
+        sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
+        std::map<std::string, std::uint64_t> byCommand;
+        if (sd_bus_get_property(bus_, storagePackage, AppServiceBus::objectPath,
+                                AppServiceBus::interfaceName, "Requests", &error, &reply,
+                                "a{st}") >= 0 &&
+            sd_bus_message_enter_container(reply, 'a', "{st}") >= 0) {
+            const char* command = nullptr;
+            std::uint64_t count = 0;
+            while (sd_bus_message_read(reply, "{st}", &command, &count) > 0) byCommand[command] = count;
+        }
+        sd_bus_error_free(&error);
+        sd_bus_message_unref(reply);
+        return byCommand;
+    }
+
+private:
+    sd_bus* bus_ = nullptr;
+};
+
+// Many clients at once, each on its own connection: every request is
+// counted once, every failure once, and the peak is every connection open
+// together.
+TEST_F(AppServiceHostTest, CountersAreExactUnderManyConcurrentClients) {
+    constexpr int clients = 24;
+    constexpr int rounds = 20;
+    startBus();
+    std::latch allOpen(clients);
+    std::vector<std::thread> threads;
+    for (int client = 0; client < clients; ++client) {
+        threads.emplace_back([&, client] {
+            const AppServiceConnection connection = openStorage();
+            allOpen.arrive_and_wait();
+            const std::string group = "g" + std::to_string(client);
+            for (int round = 0; round < rounds; ++round) {
+                const std::string key = "k" + std::to_string(round);
+                EXPECT_EQ(ask(connection, "write", group, key, "value"), success);
+                EXPECT_EQ(ask(connection, "read", group, key), Reply("success", "value"));
+            }
+            EXPECT_EQ(ask(connection, "read", group, "missing").first, "failed");
+            EXPECT_EQ(ask(connection, ValueSet()), success);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    const HostProperties host(bus_->address());
+    const std::map<std::string, std::uint64_t> expected{
+        {"exists", clients}, {"read", clients * (rounds + 1)}, {"write", clients * rounds}};
+    EXPECT_EQ(host.requests(), expected);
+    EXPECT_EQ(host.counter("RequestsFailed"), std::uint64_t{clients});
+    EXPECT_EQ(host.counter("ConnectionsPeak", 'u'), std::uint64_t{clients});
+    EXPECT_EQ(host.counter("ConnectionsRefused"), 0u);
+    EXPECT_EQ(host.counter("PeersCutOff"), 0u);
+    EXPECT_EQ(host.counter("ProcessId", 'u'), static_cast<std::uint64_t>(this->host()));
+    // Each value went in once and came out once, inside frames.
+    EXPECT_GT(host.counter("BytesReceived"), std::uint64_t{clients * rounds * 2 * 5});
+    EXPECT_GT(host.counter("BytesSent"), std::uint64_t{clients * rounds * 2 * 5});
+    EXPECT_EQ(host.counter("FrameMemoryCeiling"), std::uint64_t{128} << 20);
+    EXPECT_TRUE(eventually([&] { return host.counter("Connections", 'u') == 0; }));
+}
+
+// What an administrator follows in the log: one line when the host starts,
+// one when it leaves idle, one when SIGTERM ends it.
+TEST_F(AppServiceHostTest, TheHostSaysWhenItStartsLeavesIdleAndStopsOnSigterm) {
+    startBus(" --idle-exit 1");
+    pid_t first = -1;
+    {
+        const AppServiceConnection connection = openStorage();
+        first = host();
+        EXPECT_EQ(ask(connection, "write", "g", "k", "v"), success);
+    }
+    ASSERT_TRUE(exitedWith(PrivateBus::exitStatusOf(first), 0)) << bus_->log();
+    const AppServiceConnection connection = openStorage();
+    const pid_t second = host();
+    ASSERT_EQ(::kill(second, SIGTERM), 0);
+    ASSERT_TRUE(exitedWith(PrivateBus::exitStatusOf(second), 0)) << bus_->log();
+
+    const std::string log = bus_->log();
+    for (const pid_t pid : {first, second}) {
+        const std::string started = "quorvendale-apphost: started: version " QV_VERSION ", pid " +
+                                    std::to_string(pid) + ", data folder " +
+                                    localState().string() + ", confinement: ";
+        EXPECT_NE(log.find(started), log.npos) << log;
+    }
+    EXPECT_NE(log.find("quorvendale-apphost: exiting: no connection for 1 s\n"), log.npos) << log;
+    EXPECT_NE(log.find("quorvendale-apphost: stopping on SIGTERM: ending 1 connections\n"),
+              log.npos)
+        << log;
+}
+
+// Where standard error is the journal, a line begins with its priority, which
+// the journal keeps as the entry's; on any other stream, with the program.
+TEST(HostLogTest, ALineCarriesItsPriorityOnlyWhereStandardErrorIsTheJournal) {
+    const Testing::TemporaryFolder folder;
+    const std::string log = (folder.path() / "log").string();
+    const std::string run = "exec 2>" + log + "; " + QV_APPHOST + " --bogus x";
+    const std::string journal = "touch " + log + "; JOURNAL_STREAM=$(stat -c %d:%i " + log +
+                                ") sh -c '" + run + "'";
+    EXPECT_EQ(WEXITSTATUS(std::system(journal.c_str())), 2);
+    EXPECT_EQ(contentOf(log), "<3>unknown option --bogus (see --help)\n");
+    const std::string other = "JOURNAL_STREAM=1:1 sh -c '" + run + "'";
+    EXPECT_EQ(WEXITSTATUS(std::system(other.c_str())), 2);
+    EXPECT_EQ(contentOf(log), "quorvendale-apphost: unknown option --bogus (see --help)\n");
 }
 
 TEST_F(AppServiceHostTest, AWriteOverTheHostsFileSizeLimitFailsAndTheHostServesOn) {
@@ -288,6 +426,7 @@ TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOn
 
     EXPECT_TRUE(eventually([&] { return bus_->log().find("stopped reading") != std::string::npos; }));
     EXPECT_TRUE(attacker.hungUpWithin(std::chrono::seconds(2)));
+    EXPECT_EQ(HostProperties(bus_->address()).counter("PeersCutOff"), 1u);
 }
 
 TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnRequest) {
@@ -335,6 +474,12 @@ TEST_F(AppServiceHostTest, ThousandsOfConnectionsAreServedAndPastItsDescriptorsO
     descriptors.rlim_cur = AppHost::AppServiceHost::descriptorMargin + count + 1;
     ASSERT_EQ(::prlimit(served, RLIMIT_NOFILE, &descriptors, nullptr), 0);
     EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable);
+    {
+        const HostProperties properties(bus_->address());
+        EXPECT_EQ(properties.counter("ConnectionsRefused"), 1u);
+        EXPECT_EQ(properties.counter("ConnectionsPeak", 'u'), count + 1);
+        EXPECT_EQ(properties.counter("Connections", 'u'), count + 1);
+    }
     held.pop_back();
     EXPECT_TRUE(eventually([] { return openStatus(storagePackage) == Status::Success; }));
     held.clear();

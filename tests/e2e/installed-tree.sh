@@ -20,10 +20,10 @@ fail() { echo "installed-tree: $*" >&2; exit 1; }
 cmake --install "$build" --prefix "$prefix" >/dev/null
 unset LD_LIBRARY_PATH
 service=$prefix/share/dbus-1/services/$package.service
-grep -qF "Exec=\"$prefix/bin/quorvendale-apphost\" " "$service" &&
+grep -qF "Exec=\"$prefix/libexec/quorvendale/quorvendale-apphost\" " "$service" &&
     grep -q -- "--library \"$prefix/lib/libQuorvendaleStorageClient.so.1\"\$" \
     "$service" || fail "the service file does not name the installed host and library: $(cat "$service")"
-[ "$(ldd "$prefix/bin/quorvendale-apphost" | grep -c 'not found')" = 0 ] ||
+[ "$(ldd "$prefix/libexec/quorvendale/quorvendale-apphost" | grep -c 'not found')" = 0 ] ||
     fail "the installed host does not find its libraries"
 [ -e "$prefix/lib/quorvendale/libQuorvendalePlatform.so" ] && [ ! -e "$prefix/lib/libQuorvendalePlatform.so" ] ||
     fail "the platform library is not in its private folder alone"
@@ -32,8 +32,10 @@ loaded=$(LD_DEBUG=files "$prefix/bin/qvstore" --remote 127.0.0.1:1 exists 2>&1 >
 grep -qF "file=$prefix/lib/libQuorvendaleStorageClient.so.1 " <<<"$loaded" ||
     fail "the installed qvstore does not load the library installed with it"
 
-PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags quorvendale | grep -q -- "-I$prefix/lib/pkgconfig/../../include" ||
-    fail "pkg-config gives no include folder"
+flags=$(echo $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs quorvendale))
+[ "$flags" = "-I$prefix/include -L$prefix/lib -lQuorvendaleStorageClient -ldl" ] ||
+    fail "pkg-config's flags are not the prefix's: $flags"
+! "$prefix/bin/qvstore" --help | grep -F "$(realpath "$build")" || fail "qvstore --help names the build tree"
 
 mkdir -p "$work/consumer"
 cat >"$work/consumer/CMakeLists.txt" <<'CMAKE'

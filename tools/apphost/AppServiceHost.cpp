@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <system_error>
@@ -153,9 +154,26 @@ AppServiceHost::~AppServiceHost() {
 }
 
 int AppServiceHost::run() {
+    // The counters change with every request: readers ask, no signal says.
+    constexpr auto fixed = SD_BUS_VTABLE_PROPERTY_CONST;
+    constexpr auto counter = 0;
+    constexpr auto property = &AppServiceHost::onProperty;
     static const sd_bus_vtable vtable[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD("Open", "s", "h", &AppServiceHost::onOpen, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_PROPERTY("Version", "s", property, 0, fixed),
+        SD_BUS_PROPERTY("ProcessId", "u", property, 0, fixed),
+        SD_BUS_PROPERTY("StartedAt", "t", property, 0, fixed),  // microseconds since the epoch
+        SD_BUS_PROPERTY("Connections", "u", property, 0, counter),
+        SD_BUS_PROPERTY("ConnectionsPeak", "u", property, 0, counter),
+        SD_BUS_PROPERTY("ConnectionsRefused", "t", property, 0, counter),
+        SD_BUS_PROPERTY("Requests", "a{st}", property, 0, counter),  // by command
+        SD_BUS_PROPERTY("RequestsFailed", "t", property, 0, counter),
+        SD_BUS_PROPERTY("PeersCutOff", "t", property, 0, counter),
+        SD_BUS_PROPERTY("BytesReceived", "t", property, 0, counter),
+        SD_BUS_PROPERTY("BytesSent", "t", property, 0, counter),
+        SD_BUS_PROPERTY("FrameMemoryInUse", "t", property, 0, counter),
+        SD_BUS_PROPERTY("FrameMemoryCeiling", "t", property, 0, fixed),
         SD_BUS_VTABLE_END,
     };
 
@@ -208,6 +226,13 @@ int AppServiceHost::onOpen(sd_bus_message* call, void* self, sd_bus_error* error
     return static_cast<AppServiceHost*>(self)->open(call, error);
 }
 
+int AppServiceHost::onProperty(sd_bus*, const char*, const char*, const char* property,
+                               sd_bus_message* reply, void* self, sd_bus_error*) {
+    auto& host = *static_cast<AppServiceHost*>(self);
+    host.status_.connectionsNow(host.served_->count());
+    return host.status_.appendProperty(property, reply);
+}
+
 int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
     const char* name = nullptr;
     if (const int read = sd_bus_message_read(call, "s", &name); read < 0) return read;
@@ -216,6 +241,7 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
                                 "This package declares no app service of that name.");
     }
     if (served_->count() >= connectionCapacity()) {
+        status_.connectionRefused();
         return sd_bus_error_set(error, AppServiceBus::connectionLimitError,
                                 "The app service serves all the connections it can; "
                                 "try again when one has closed.");
@@ -239,6 +265,7 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
         return sd_bus_error_setf(error, SD_BUS_ERROR_FAILED,
                                  "The app service could not be started: %s", failure.what());
     }
+    status_.connectionOpened(served_->count());
     const int answered = sd_bus_reply_method_return(call, "h", clients.get());
     if (answered < 0) {
         logFailure(std::string("cannot answer an Open call: ") + std::strerror(-answered));
@@ -272,8 +299,11 @@ int AppServiceHost::onConnectionEnded(sd_event_source*, int, std::uint32_t, void
     return 0;
 }
 
-int AppServiceHost::onTrimTimer(sd_event_source* timer, std::uint64_t, void*) {
+int AppServiceHost::onTrimTimer(sd_event_source* timer, std::uint64_t, void* self) {
+    auto& host = *static_cast<AppServiceHost*>(self);
     ::malloc_trim(0);
+    host.status_.connectionsNow(host.served_->count());
+    host.status_.notifyServiceManager();
     return sd_event_source_set_time_relative(timer, microseconds(trimInterval));
 }
 
@@ -289,8 +319,12 @@ int AppServiceHost::onIdleTimer(sd_event_source*, std::uint64_t, void* self) {
     return 0;
 }
 
-int AppServiceHost::onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self) {
+int AppServiceHost::onSignal(sd_event_source*, const struct signalfd_siginfo* signal,
+                             void* self) {
     auto& host = *static_cast<AppServiceHost*>(self);
+    logInfo(std::string("stopping on ") + (signal->ssi_signo == SIGINT ? "SIGINT" : "SIGTERM") +
+            ": ending " + std::to_string(host.served_->count()) + " connections");
+    host.status_.notifyStopping();
     host.releaseName();
     host.endEverything();
     sd_event_exit(host.event_, 0);
@@ -305,6 +339,10 @@ void AppServiceHost::armIdleTimer(std::uint64_t afterMicroseconds) {
 // The name goes first, so that a call sent from now on starts a new host
 // instead of waiting on this one. Calls that reached us before are served.
 void AppServiceHost::exitWhenIdle() {
+    char idle[32];
+    std::snprintf(idle, sizeof idle, "%g", static_cast<double>(options_.idleExit.count()) / 1000);
+    logInfo(std::string("exiting: no connection for ") + idle + " s");
+    status_.notifyStopping();
     releaseName();
     while (sd_bus_process(bus_, nullptr) > 0) {
     }

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "HostOptions.h"
+#include "HostStatus.h"
 #include "Posix/FileDescriptor.h"
 #include "ServiceLibrary.h"
 
@@ -51,6 +52,8 @@ public:
 
 private:
     static int onOpen(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onProperty(sd_bus*, const char*, const char*, const char* property,
+                          sd_bus_message* reply, void* self, sd_bus_error*);
     static int onSignal(sd_event_source*, const struct signalfd_siginfo*, void* self);
     static int onIdleTimer(sd_event_source*, std::uint64_t, void* self);
     static int onConnectionEnded(sd_event_source*, int, std::uint32_t, void* self);
@@ -72,6 +75,7 @@ private:
     sd_event_source* trimTimer_ = nullptr;
     std::shared_ptr<ServedConnections> served_;
     bool nameReleased_ = false;
+    HostStatus status_;
 };
 
 }  // namespace Quorvendale::AppHost

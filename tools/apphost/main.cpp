@@ -72,15 +72,20 @@ int serve(const HostOptions& options) {
     }
     AppServiceHost host(options, library, bus);
     // Last, with everything loaded and made, and before any thread starts.
+    std::string confinement = "Landlock and a root of its own";
     try {
         enterPrivateRoot(localState, alsoReadable());
     } catch (const std::system_error& refused) {
-        logFailure("cannot hide the file system outside " + localState + " (" + refused.what() +
+        logWarning("cannot hide the file system outside " + localState + " (" + refused.what() +
                    "): Landlock alone confines the service");
+        confinement = "Landlock alone";
     }
     if (confineTo(localState, alsoReadable()) == Confinement::Unsupported) {
-        logFailure("this kernel has no Landlock: serving without confinement to " + localState);
+        logWarning("this kernel has no Landlock: serving without confinement to " + localState);
+        confinement = confinement == "Landlock alone" ? "none" : "a root of its own alone";
     }
+    logInfo("started: version " QV_VERSION ", pid " + std::to_string(::getpid()) +
+            ", data folder " + localState + ", confinement: " + confinement);
     return host.run();
 }
 

@@ -40,6 +40,9 @@ constexpr CommandForm commandForms[] = {
      "(or standard input) to GROUP; nothing at all\n"
      "if any member is refused"},
     {"exists", 0, 0, "exists", "succeed when the store answers; print nothing"},
+    {"status", 0, 0, "status",
+     "print the running service's counters as a table, or\n"
+     "with --json as one JSON object; never starts it"},
 };
 
 const CommandForm* findCommand(std::string_view name) {
@@ -145,8 +148,11 @@ Invocation parseCommandLine(int argc, const char* const* argv) {
     if (invocation.defaultValue && invocation.command != "read") {
         throw UsageError("option '--default' belongs to 'read' only");
     }
-    if (invocation.json && invocation.command != "list") {
-        throw UsageError("option '--json' belongs to 'list' only");
+    if (invocation.json && invocation.command != "list" && invocation.command != "status") {
+        throw UsageError("option '--json' belongs to 'list' and 'status' only");
+    }
+    if (invocation.remote && invocation.command == "status") {
+        throw UsageError("option '--remote' does not apply to 'status'");
     }
     return invocation;
 }
@@ -175,13 +181,14 @@ std::string usage(const std::vector<std::string>& defaultLibraries) {
         "  --remote HOST:PORT      use the storage server at HOST:PORT instead of the\n"
         "                          local storage service\n"
         "  --library PATH          load the client library from PATH; without it, the\n"
-        "                          first that exists of the one installed with this\n"
-        "                          qvstore and the one of the build that made it:\n";
+        "                          one installed with this qvstore if it exists,\n"
+        "                          else the SONAME where the loader finds it:\n";
     for (const std::string& path : defaultLibraries)
         text += "                            " + path + "\n";
     text +=
         "  --default VALUE         read: print VALUE and succeed when KEY is missing\n"
-        "  --json                  list: print the keys as one JSON array\n"
+        "  --json                  list: print the keys as one JSON array;\n"
+        "                          status: print the counters as one JSON object\n"
         "  -q, --quiet             say nothing when the key to read is missing\n"
         "  -v, --verbose           with a failure, also print the library's full report\n"
         "  -h, --help              show this help and exit\n"

@@ -1,17 +1,15 @@
 #include "LibraryLocation.h"
 
 #include <filesystem>
-#include <stdexcept>
 #include <system_error>
 
 namespace Quorvendale::Qvstore {
 namespace {
 
 // Set by the build: the library folder relative to the program folder of an
-// installation, the library's file name, and the library of this build tree.
+// installation, and the library's file name, its SONAME.
 constexpr const char* libraryFolderFromProgramFolder = QVSTORE_LIBRARY_FROM_PROGRAM_FOLDER;
 constexpr const char* libraryFileName = QVSTORE_LIBRARY_FILE_NAME;
-constexpr const char* buildTreeLibrary = QVSTORE_BUILD_TREE_LIBRARY;
 
 }  // namespace
 
@@ -24,19 +22,19 @@ std::vector<std::string> defaultLibraryCandidates() {
             program.parent_path() / libraryFolderFromProgramFolder / libraryFileName;
         candidates.push_back(installed.lexically_normal().string());
     }
-    candidates.emplace_back(buildTreeLibrary);
+    candidates.emplace_back(libraryFileName);
     return candidates;
 }
 
 std::string chooseDefaultLibrary(const std::vector<std::string>& candidates) {
     for (const std::string& candidate : candidates) {
         std::error_code failed;
-        if (std::filesystem::exists(candidate, failed)) return candidate;
+        if (candidate.find('/') != std::string::npos &&
+            std::filesystem::exists(candidate, failed)) {
+            return candidate;
+        }
     }
-    std::string tried;
-    for (const std::string& candidate : candidates)
-        tried += (tried.empty() ? "" : ", ") + candidate;
-    throw std::runtime_error("no client library at " + tried + "; name one with --library PATH");
+    return candidates.back();
 }
 
 }  // namespace Quorvendale::Qvstore

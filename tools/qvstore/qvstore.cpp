@@ -16,6 +16,7 @@
 #include "Failure.h"
 #include "InputChecks.h"
 #include "LibraryLocation.h"
+#include "Status.h"
 #include "Quorvendale/Client.hpp"
 
 namespace {
@@ -109,6 +110,9 @@ int main(int argc, char** argv) {
                    stdout);
         return std::fflush(stdout) == 0 ? succeeded : storeFailed;
     }
+
+    // The service's own account of itself: no library, no connection.
+    if (invocation.command == "status") return runStatus(stdout, invocation.json);
 
     std::optional<LibraryOutput> libraryOutput;
     Failure failure{storeFailed, ""};

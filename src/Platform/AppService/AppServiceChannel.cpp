@@ -8,6 +8,7 @@
 #include <cstring>
 #include <thread>
 
+#include "Platform/AppService/AppServiceStatistics.h"
 #include "Platform/AppService/ChannelLoop.h"
 #include "Platform/AppService/ConnectionObject.h"
 #include "Platform/AppService/FrameMemory.h"
@@ -158,6 +159,7 @@ bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
             break;
         }
         lastSent_ = std::chrono::steady_clock::now();
+        AppServiceStatistics::sent(static_cast<std::size_t>(count));
         sentOfFirst_ += static_cast<std::size_t>(count);
         if (sentOfFirst_ < frame.size()) continue;
         queuedBytes_ -= frame.size();
@@ -217,6 +219,7 @@ void AppServiceChannel::closeIfStalled(bool othersWaitForMemory) {
         logLine("closing an app-service connection whose peer stopped sending in the middle of "
                 "a frame (" + std::to_string(incoming_.received >> 10) +
                 " KiB held for it while others wait)");
+        AppServiceStatistics::peerCutOff();
         close(true);
         return;
     }
@@ -231,6 +234,7 @@ void AppServiceChannel::closeIfStalled(bool othersWaitForMemory) {
     logLine("closing an app-service connection whose peer has stopped reading (" +
             std::to_string(unread >> 10) + " KiB waiting for it for " +
             std::to_string(stalledPeerLimit.count()) + " s)");
+    AppServiceStatistics::peerCutOff();
     close(true);
 }
 
@@ -392,6 +396,7 @@ bool AppServiceChannel::receiveInto(char* into, std::size_t size, std::size_t& r
     if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
     if (count <= 0) return false;
     received = static_cast<std::size_t>(count);
+    AppServiceStatistics::received(received);
     return true;
 }
 
