@@ -1,5 +1,6 @@
 #include "UwpLocalStorageClient.h"
 
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
@@ -94,8 +95,13 @@ void checkValue(const std::string& value) {
 }  // namespace
 
 // How the connection's events reach the client: through a pointer that the
-// client clears before it goes, waiting for the handlers under way (one may
-// be reconnecting). No lock is held while a handler runs.
+// client clears before it goes. The runtime raises the event on its pool, and
+// a reconnect waits for an open that needs a pool thread too, so a reconnect
+// runs on a thread of its own: however many clients lose their connection at
+// once, none holds a pool thread while it waits. Each reconnect thread joins
+// the one before it, and the client joins the last before it goes, so no
+// code of this library runs on after the client: a program may unload the
+// library as soon as it has released its last client.
 class UwpLocalStorageClient::EventTarget {
 public:
     explicit EventTarget(UwpLocalStorageClient& client)
@@ -104,38 +110,34 @@ public:
     EventTarget(const EventTarget&) = delete;
     EventTarget& operator=(const EventTarget&) = delete;
 
-    // From here on no handler reaches the client; returns once those under
-    // way have returned.
+    // From here on no handler reaches the client; returns once every
+    // reconnect has ended.
     void detach() {
-        MutexLock lock(target_->mutex);
-        target_->client = nullptr;
-        while (target_->running != 0) target_->idle.wait(lock.forWaiting());
+        std::thread last;
+        {
+            MutexLock lock(target_->mutex);
+            target_->client = nullptr;
+            last = std::move(target_->reconnect);
+        }
+        if (last.joinable()) last.join();
     }
 
-    // The handler for the connection of that generation. The runtime raises
-    // the event on its pool, and a reconnect waits for an open that needs a
-    // pool thread too: the reconnect runs on a thread of its own, so that
-    // however many clients lose their connection at once, none holds a pool
-    // thread while it waits.
+    // The handler for the connection of that generation.
     AppServiceConnection::ServiceClosedHandler serviceClosed(std::uint64_t generation) const {
         return [target = target_, generation](const AppServiceConnection&,
                                               const AppServiceClosedEventArgs&) {
-            UwpLocalStorageClient* client = nullptr;
-            {
-                MutexLock lock(target->mutex);
-                if (target->client == nullptr) return;
-                client = target->client;
-                ++target->running;
-            }
+            MutexLock lock(target->mutex);
+            if (target->client == nullptr) return;
+            const auto previous = std::make_shared<std::thread>(std::move(target->reconnect));
             try {
-                std::thread([target, client, generation] {
+                target->reconnect = std::thread([client = target->client, generation, previous] {
+                    if (previous->joinable()) previous->join();
                     client->onServiceClosed(generation);
-                    target->leave();
-                }).detach();
+                });
             } catch (const std::system_error&) {
                 // No thread to be had: the next operation finds the
                 // connection closed, and its retry reconnects.
-                target->leave();
+                target->reconnect = std::move(*previous);
             }
         };
     }
@@ -144,17 +146,8 @@ private:
     struct Target {
         explicit Target(UwpLocalStorageClient* to) : client(to) {}
         Mutex mutex;
-        std::condition_variable idle;
         UwpLocalStorageClient* client QV_GUARDED_BY(mutex);
-        int running QV_GUARDED_BY(mutex) = 0;  // reconnects that took client and have not ended
-
-        void leave() {
-            {
-                MutexLock lock(mutex);
-                --running;
-            }
-            idle.notify_all();
-        }
+        std::thread reconnect QV_GUARDED_BY(mutex);  // the latest, which joins those before it
     };
     std::shared_ptr<Target> target_;
 };
@@ -163,8 +156,8 @@ UwpLocalStorageClient::UwpLocalStorageClient() : events_(std::make_unique<EventT
     connect(0);  // generation 0: no connection yet
 }
 
-// A reconnect under way on a thread of its own ends first; it still has the
-// whole client to work with.
+// A reconnect under way ends first; it still has the whole client to work
+// with.
 UwpLocalStorageClient::~UwpLocalStorageClient() { events_->detach(); }
 
 std::string_view UwpLocalStorageClient::connectionStatusName(AppServiceConnectionStatus status) {
