@@ -112,6 +112,11 @@ namespace {
 // Reads a body front to back, refusing to read past its end.
 class Reader {
 public:
+    // `read`, if any, hears how far a large string has been copied.
+    explicit Reader(std::string_view bytes,
+                    const std::function<void(std::size_t)>* read = nullptr)
+        : bytes_(bytes), read_(read) {}
+
     std::uint64_t takeUnsigned(std::size_t size) {
         const std::string_view field = take(size);
         std::uint64_t value = 0;
@@ -120,10 +125,6 @@ public:
         }
         return value;
     }
-
-    explicit Reader(std::string_view bytes,
-                    const std::function<void(std::size_t)>* read = nullptr)
-        : bytes_(bytes), read_(read) {}
 
     // A large string is copied in steps, each followed by a word to the
     // caller that the bytes before are done with.
@@ -142,7 +143,7 @@ public:
                     std::min(bytes.size() - done, AppServiceFrame::largeTextSize);
                 std::memcpy(out + done, bytes.data() + done, step);
                 done += step;
-                if (read_ && *read_ && step == AppServiceFrame::largeTextSize) {
+                if (read_ != nullptr && step == AppServiceFrame::largeTextSize) {
                     (*read_)(start + done);
                 }
             }
@@ -228,7 +229,7 @@ std::size_t AppServiceFrame::bodyLength(std::string_view lengthBytes) {
 AppServiceFrame AppServiceFrame::decode(std::string_view body,
                                         const std::function<void(std::size_t)>& read) {
     if (body.size() > maximumBodySize) throw MalformedFrame("frame over the size limit");
-    Reader reader(body, &read);
+    Reader reader(body, read ? &read : nullptr);
     AppServiceFrame frame;
     frame.kind = static_cast<Kind>(reader.takeUnsigned(1));
     if (frame.kind != Kind::Request && frame.kind != Kind::Response &&
