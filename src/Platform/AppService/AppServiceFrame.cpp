@@ -113,8 +113,7 @@ namespace {
 class Reader {
 public:
     // `read`, if any, hears how far a large string has been copied.
-    explicit Reader(std::string_view bytes,
-                    const std::function<void(std::size_t)>* read = nullptr)
+    explicit Reader(std::string_view bytes, const std::function<void(std::size_t)>* read = nullptr)
         : bytes_(bytes), read_(read) {}
 
     std::uint64_t takeUnsigned(std::size_t size) {

@@ -13,8 +13,8 @@ FrameBuffer::FrameBuffer(std::size_t size) : FrameBuffer() {
         bytes_ = {new char[size], Free()};
         return;
     }
-    void* const pages = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                               MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const pages =
+        ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pages == MAP_FAILED) throw std::bad_alloc();
     bytes_ = {static_cast<char*>(pages), Free(size)};
 }

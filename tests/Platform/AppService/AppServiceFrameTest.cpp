@@ -39,8 +39,8 @@ TEST(AppServiceFrame, RoundTripsEveryTypeWithNulsAndLoneSurrogates) {
     ASSERT_EQ(length, bytes.size() - AppServiceFrame::lengthSize);
     // Bytes the decoder is done with are wiped, as a receiver freeing them sees them.
     std::string body = bytes.substr(AppServiceFrame::lengthSize);
-    const AppServiceFrame decoded = AppServiceFrame::decode(
-        body, [&](std::size_t read) { body.replace(0, read, read, '\0'); });
+    const AppServiceFrame decoded =
+        AppServiceFrame::decode(body, [&](std::size_t read) { body.replace(0, read, read, '\0'); });
 
     EXPECT_EQ(decoded.kind, AppServiceFrame::Kind::Response);
     EXPECT_EQ(decoded.requestId, 0x0102030405060708u);
