@@ -354,7 +354,11 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
         frame.lengthReceived += received;
         if (frame.lengthReceived < AppServiceFrame::lengthSize) return Received::Waiting;
         frame.bodySize = AppServiceFrame::bodyLength({frame.length, sizeof frame.length});
-        frame.capacity = std::min(frame.bodySize, sliceSize);
+        // A paged buffer holds only the pages that have come: it gets the
+        // whole size at once, and its first slice is never copied.
+        frame.capacity = frame.bodySize >= FrameBuffer::pagedSize
+                             ? frame.bodySize
+                             : std::min(frame.bodySize, sliceSize);
         frame.body = FrameBuffer(frame.capacity);
         frame.lastProgress = std::chrono::steady_clock::now();
     }

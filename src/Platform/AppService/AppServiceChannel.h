@@ -102,10 +102,11 @@ private:
         bool isAnswer;
     };
     // A frame on its way in: its length, then its body. The body's buffer
-    // holds a slice at first and its whole size once more has come, so a
-    // peer that announces a large frame and sends little holds little, and a
-    // large frame is copied once at most. Its bytes are taken from
-    // FrameMemory as they arrive.
+    // holds a slice at first and its whole size once more has come (a paged
+    // one has its whole size from the start, and takes memory as pages
+    // fill), so a peer that announces a large frame and sends little holds
+    // little, and a large frame is copied once at most. Its bytes are taken
+    // from FrameMemory as they arrive.
     struct PartialFrame {
         char length[AppServiceFrame::lengthSize] = {};
         std::size_t lengthReceived = 0;
