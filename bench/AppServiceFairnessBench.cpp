@@ -254,7 +254,7 @@ std::size_t sendFor(int socket, std::string_view bytes, Clock::time_point deadli
 // one frame encoded, then its id (after the length and the kind) rewritten.
 constexpr std::size_t idOffset = Frame::lengthSize + 1;
 std::string requestFrames(const ValueSet& message, std::uint64_t firstId, std::size_t count) {
-    const std::string frame = *Frame{Frame::Kind::Request, 0, message}.encode();
+    const std::string frame = Frame{Frame::Kind::Request, 0, message}.encode()->joined();
     std::string frames;
     frames.reserve(frame.size() * count);
     for (std::uint64_t id = firstId; id < firstId + count; ++id) {

@@ -49,7 +49,7 @@ public:
     }
     bool sendRequest(std::uint64_t id, const Platform::ValueSet& message) const {
         using Frame = Platform::AppServiceFrame;
-        return sendBytes(*Frame{Frame::Kind::Request, id, message}.encode());
+        return sendBytes(Frame{Frame::Kind::Request, id, message}.encode()->joined());
     }
 
     // The next frame, or nothing if the stream ended or stayed silent for `limit`.

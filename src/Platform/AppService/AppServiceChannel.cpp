@@ -92,7 +92,7 @@ IAsyncOperation<AppServiceResponse> AppServiceChannel::sendRequest(const ValueSe
     return completion.operation();
 }
 
-bool AppServiceChannel::write(std::string frame, bool isAnswer) {
+bool AppServiceChannel::write(EncodedFrame frame, bool isAnswer) {
     std::size_t answersSent = 0;
     bool queued = false;
     bool sent = false;
@@ -144,13 +144,13 @@ void AppServiceChannel::flush() {
 bool AppServiceChannel::sendQueued(std::size_t& answersSent) {
     bool peerThere = true;
     while (!outgoing_.empty() && !closed_) {
-        const std::string& frame = outgoing_.front().frame;
-        const char* const rest = frame.data() + sentOfFirst_;
-        const std::size_t restSize = frame.size() - sentOfFirst_;
+        const EncodedFrame& frame = outgoing_.front().frame;
+        const std::string_view rest = frame.piece(sentOfFirst_);
         mutex_.unlock();
         // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE.
-        const ssize_t count = Posix::retryInterrupted(
-            [&] { return ::send(socket_.get(), rest, restSize, MSG_NOSIGNAL | MSG_DONTWAIT); });
+        const ssize_t count = Posix::retryInterrupted([&] {
+            return ::send(socket_.get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        });
         const int error = errno;
         mutex_.lock();
         if (count < 0 && (error == EAGAIN || error == EWOULDBLOCK)) break;
@@ -307,7 +307,9 @@ void AppServiceChannel::readSome() {
         case Received::Frame: {
             std::optional<AppServiceFrame> frame;
             try {
-                frame = AppServiceFrame::decode({incoming_.body.get(), incoming_.bodySize});
+                frame = AppServiceFrame::decode(
+                    {incoming_.body.data(), incoming_.bodySize},
+                    [&](std::size_t read) { incoming_.body.releaseBelow(read); });
             } catch (const MalformedFrame&) {
             } catch (const std::bad_alloc&) {
             }
@@ -356,8 +358,12 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
         frame.lengthReceived += received;
         if (frame.lengthReceived < AppServiceFrame::lengthSize) return Received::Waiting;
         frame.bodySize = AppServiceFrame::bodyLength({frame.length, sizeof frame.length});
-        frame.capacity = std::min(frame.bodySize, sliceSize);
-        frame.body = std::make_unique_for_overwrite<char[]>(frame.capacity);
+        // A paged buffer holds only the pages that have come: it gets the
+        // whole size at once, and its first slice is never copied.
+        frame.capacity = frame.bodySize >= FrameBuffer::pagedSize
+                             ? frame.bodySize
+                             : std::min(frame.bodySize, sliceSize);
+        frame.body = FrameBuffer(frame.capacity);
         frame.lastProgress = std::chrono::steady_clock::now();
     }
     while (frame.received < frame.bodySize && budget > 0) {
@@ -373,13 +379,15 @@ AppServiceChannel::Received AppServiceChannel::receive(std::size_t& budget) {
         if (frame.received + step > frame.capacity) {
             // The peer has sent more than a slice: it means it, and the body
             // gets its whole size, not filled, once.
-            auto whole = std::make_unique_for_overwrite<char[]>(frame.bodySize);
-            std::memcpy(whole.get(), frame.body.get(), frame.received);
+            FrameBuffer whole(frame.bodySize);
+            std::memcpy(whole.data(), frame.body.data(), frame.received);
             frame.body = std::move(whole);
             frame.capacity = frame.bodySize;
         }
         std::size_t received = 0;
-        if (!receiveInto(frame.body.get() + frame.received, step, received)) return Received::Ended;
+        if (!receiveInto(frame.body.data() + frame.received, step, received)) {
+            return Received::Ended;
+        }
         if (received == 0) return Received::Waiting;
         frame.received += received;
         frame.lastProgress = std::chrono::steady_clock::now();

@@ -21,6 +21,7 @@
 
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/AppService/AppServiceFrame.h"
+#include "Platform/AppService/FrameBuffer.h"
 #include "Platform/Foundation/AsyncCompletion.h"
 #include "Platform/Foundation/Mutex.h"
 #include "Posix/FileDescriptor.h"
@@ -65,7 +66,7 @@ public:
     // Sends a whole frame, or queues what the socket does not take at once;
     // false if the connection has ended. An answer (a response or a refusal)
     // counts its request in flight until it has left.
-    bool write(std::string frame, bool isAnswer);
+    bool write(EncodedFrame frame, bool isAnswer);
     void whenEnded(std::function<void()> handler);
     // byPeer: the end did not come from this side's Close(); the owner's
     // ServiceClosed is raised.
@@ -97,18 +98,19 @@ public:
 
 private:
     struct Outgoing {
-        std::string frame;
+        EncodedFrame frame;
         bool isAnswer;
     };
     // A frame on its way in: its length, then its body. The body's buffer
-    // holds a slice at first and its whole size once more has come, so a
-    // peer that announces a large frame and sends little holds little, and a
-    // large frame is copied once at most. Its bytes are taken from
-    // FrameMemory as they arrive.
+    // holds a slice at first and its whole size once more has come (a paged
+    // one has its whole size from the start, and takes memory as pages
+    // fill), so a peer that announces a large frame and sends little holds
+    // little, and a large frame is copied once at most. Its bytes are taken
+    // from FrameMemory as they arrive.
     struct PartialFrame {
         char length[AppServiceFrame::lengthSize] = {};
         std::size_t lengthReceived = 0;
-        std::unique_ptr<char[]> body;
+        FrameBuffer body;
         std::size_t bodySize = 0;
         std::size_t capacity = 0;
         std::size_t received = 0;
