@@ -140,7 +140,7 @@ through_user_manager() (
     manager=$!
     trap 'status=$?; end_manager; [ $status = 0 ] ||
         echo "debian-packages: activation through a user manager failed; it said: $(cat "$home/manager.log")" >&2' EXIT
-    for _ in $(seq 100); do [ -S "$home/bus" ] && break; sleep 0.1; done
+    for _ in $(seq 300); do [ -S "$home/bus" ] && break; sleep 0.1; done
     qvstore write g k "through systemd"
     [ "$(qvstore read g k)" = "through systemd" ]
     [ -f "$home/.local/share/Packages/$package/LocalState/g/k" ]

@@ -135,9 +135,17 @@ AppServiceConnectionStatus statusOf(int result, const sd_bus_error& error) {
     return AppServiceConnectionStatus::Unknown;
 }
 
-// One Open call. Leaves `bus` closed when the connection itself failed.
+// The bus's answer when the name's owner went away with the call unanswered:
+// a host that died or was killed as the call reached it.
+bool ownerLeftWithoutReplying(const sd_bus_error& error) {
+    return sd_bus_error_has_name(&error, "org.freedesktop.DBus.Error.NoReply") > 0 &&
+           error.message != nullptr && std::string_view(error.message).contains("disconnected");
+}
+
+// One Open call. Leaves `bus` closed when the connection itself failed;
+// `ownerLeft` says whether the name's owner left without replying.
 OpenedAppService callOpen(sd_bus* bus, const std::string& packageFamilyName,
-                          const std::string& appServiceName) {
+                          const std::string& appServiceName, bool& ownerLeft) {
     // A connection that cannot carry the socket would wait out the whole
     // time-out before failing.
     const int canSendSocket = sd_bus_can_send(bus, SD_BUS_TYPE_UNIX_FD);
@@ -161,6 +169,7 @@ OpenedAppService callOpen(sd_bus* bus, const std::string& packageFamilyName,
     const Message reply(raw);
     if (called < 0) {
         if (sd_bus_is_open(bus) <= 0) return {AppServiceConnectionStatus::AppUnavailable};
+        ownerLeft = ownerLeftWithoutReplying(error.error);
         return {statusOf(called, error.error)};
     }
     int socket = -1;
@@ -179,15 +188,20 @@ OpenedAppService open(const std::string& packageFamilyName, const std::string& a
     const std::string address = sessionBusAddress();
     if (address.empty()) return {AppServiceConnectionStatus::AppUnavailable};
     // A kept connection may have outlived its bus (a restarted daemon at the
-    // same address): its failure earns one more try on a new connection.
+    // same address): its failure earns one more try on a new connection. A
+    // host that dies as the call reaches it still owned the name when the
+    // call was sent: once, the call goes again, and the bus starts another.
+    bool ownerLeftBefore = false;
     for (;;) {
         bool kept = false;
         Bus bus = idleBuses().take(address, kept);
         if (!bus) return {AppServiceConnectionStatus::AppUnavailable};
-        OpenedAppService opened = callOpen(bus.get(), packageFamilyName, appServiceName);
+        bool ownerLeft = false;
+        OpenedAppService opened = callOpen(bus.get(), packageFamilyName, appServiceName, ownerLeft);
         const bool connectionFailed = sd_bus_is_open(bus.get()) <= 0;
         if (connectionFailed && kept) continue;
         if (!connectionFailed) idleBuses().giveBack(address, std::move(bus));
+        if (ownerLeft && !std::exchange(ownerLeftBefore, true)) continue;
         return opened;
     }
 }
