@@ -129,9 +129,10 @@ verified=$(XDG_RUNTIME_DIR=$work/runtime systemd-analyze --user verify "$unit" 2
 # process ends when the namespace's first one does (unshare --kill-child).
 through_user_manager() (
     set -e
-    home=$work/manager
-    rm -rf "$home"
-    mkdir -p -m 700 "$home"
+    # The unit's /tmp and /var/tmp are its own (PrivateTmp=): a home under
+    # them, as a build tree in a clone under /tmp would give, is out of its
+    # sight. A user's home never is.
+    home=$(mktemp -d /dev/shm/qv-manager-XXXXXX)
     export XDG_RUNTIME_DIR=$home HOME=$home DBUS_SESSION_BUS_ADDRESS=unix:path=$home/bus
     unset XDG_DATA_HOME
     unshare --mount --propagation private --pid --fork --mount-proc --kill-child sh -c '
@@ -139,7 +140,8 @@ through_user_manager() (
         /lib/systemd/systemd --user; exit $?' >"$home/manager.log" 2>&1 &
     manager=$!
     trap 'status=$?; end_manager; [ $status = 0 ] ||
-        echo "debian-packages: activation through a user manager failed; it said: $(cat "$home/manager.log")" >&2' EXIT
+        echo "debian-packages: activation through a user manager failed; it said: $(cat "$home/manager.log")" >&2
+        rm -rf "$home"' EXIT
     for _ in $(seq 300); do [ -S "$home/bus" ] && break; sleep 0.1; done
     qvstore write g k "through systemd"
     [ "$(qvstore read g k)" = "through systemd" ]
