@@ -39,7 +39,12 @@ std::u16string BasicStorage::getFilePath(std::string_view group, std::string_vie
 // the whole path in every operation.
 std::u16string BasicStorage::entryPath(std::u16string folder, std::string_view key) {
     if (key == defaultKey) {
-        appendUtf16(folder, readFile(folder + defaultFileName));
+        // The alias is an entry too: read whole, never half written. Its
+        // hold ends before the caller takes the entry it names, so no
+        // request holds two entries at once.
+        const std::u16string alias = folder + defaultFileName;
+        const EntryLocks::Hold reading(entryLocks_, alias, EntryLocks::Use::Read);
+        appendUtf16(folder, readFile(alias));
     } else {
         appendUtf16(folder, key);
     }
