@@ -11,8 +11,11 @@ namespace Quorvendale::Platform::Details {
 
 class FrameBuffer {
 public:
-    // From this size on, the buffer has pages of its own.
-    static constexpr std::size_t pagedSize = 1u << 20;
+    // From this size on, the buffer has pages of its own. Below it the heap
+    // hands a body memory it has used before, with no page to fault in:
+    // fresh pages for a 2 MiB body cost more than the copy of its value.
+    // Above it, holding a value once rather than twice matters more.
+    static constexpr std::size_t pagedSize = 16u << 20;
 
     FrameBuffer() noexcept : bytes_(nullptr, Free()) {}
     // std::bad_alloc when there is no memory for it.
