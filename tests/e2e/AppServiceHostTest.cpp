@@ -259,7 +259,7 @@ TEST_F(AppServiceHostTest, CountersAreExactUnderManyConcurrentClients) {
     // Each value went in once and came out once, inside frames.
     EXPECT_GT(counter(status, "BytesReceived"), std::uint64_t{clients * rounds * 2 * 5});
     EXPECT_GT(counter(status, "BytesSent"), std::uint64_t{clients * rounds * 2 * 5});
-    EXPECT_EQ(counter(status, "FrameMemoryCeiling"), std::uint64_t{128} << 20);
+    EXPECT_EQ(counter(status, "FrameMemoryCeiling"), std::uint64_t{448} << 20);
     EXPECT_TRUE(eventually([&] { return counter(hostStatus(), "Connections") == 0; }));
 }
 

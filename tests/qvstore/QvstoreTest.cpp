@@ -277,7 +277,7 @@ TEST_F(QvstoreSession, StatusNeverStartsTheServiceAndCountsWhatWasDone) {
     for (const std::string& line : std::vector<std::string>{
              "version        " QV_PROJECT_VERSION "\n", "pid            " + pid + "\n",
           "requests       2 (read 1, write 1), 0 failed\n",
-          "frame memory   0 of 134217728 bytes\n"}) {
+          "frame memory   0 of 469762048 bytes\n"}) {
         EXPECT_NE(table.output.find(line), std::string::npos) << table.output;
     }
     const ProgramRun json = qvstore({"status", "--json"});

@@ -8,8 +8,10 @@ namespace Quorvendale::Platform {
 AppServiceConnection::AppServiceConnection()
     : object_(std::make_shared<Details::ConnectionObject>()) {}
 
-AppServiceConnection AppServiceConnection::fromSocket(int descriptor) {
-    return AppServiceConnection(Details::ConnectionObject::overSocket(descriptor));
+AppServiceConnection AppServiceConnection::fromSocket(int descriptor, std::uint64_t client,
+                                                      std::shared_ptr<Details::ChannelLoop> loop) {
+    return AppServiceConnection(
+        Details::ConnectionObject::overSocket(descriptor, client, std::move(loop)));
 }
 
 Details::ConnectionObject& AppServiceConnection::object() const {

@@ -34,6 +34,7 @@ namespace Quorvendale::Platform {
 
 namespace Details {
 class AppServiceChannel;
+class ChannelLoop;
 class ConnectionObject;
 }  // namespace Details
 
@@ -53,7 +54,11 @@ public:
 
     // An open connection over a connected stream socket (one end of a
     // socketpair, say), which it starts reading from and closes at its end.
-    static AppServiceConnection fromSocket(int descriptor);
+    // `client` names the peer process, whose connections share one budget
+    // of memory and turns; 0: the peer is this connection alone. `loop`:
+    // the loop that serves it; none: the process's own.
+    static AppServiceConnection fromSocket(int descriptor, std::uint64_t client = 0,
+                                           std::shared_ptr<Details::ChannelLoop> loop = nullptr);
 
     // What OpenAsync opens: the app service's name, as its package declares
     // it, and the package's family name. Set them before opening.

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "Platform/AppService/FrameMemory.h"
+#include "Platform/AppService/MemoryBudget.h"
 #include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
@@ -11,6 +11,7 @@ namespace {
 std::atomic<std::uint64_t> bytesReceived{0};
 std::atomic<std::uint64_t> bytesSent{0};
 std::atomic<std::uint64_t> peersCutOff{0};
+std::atomic<std::uint64_t> memoryHeldNow{0};
 
 struct Requests {
     Mutex mutex;
@@ -36,6 +37,10 @@ void AppServiceStatistics::sent(std::size_t bytes) {
 
 void AppServiceStatistics::peerCutOff() { peersCutOff.fetch_add(1, std::memory_order_relaxed); }
 
+void AppServiceStatistics::memoryHeld(std::size_t bytes) {
+    memoryHeldNow.store(bytes, std::memory_order_relaxed);
+}
+
 void AppServiceStatistics::request(std::string_view command, bool failed) {
     Requests& all = requests();
     MutexLock lock(all.mutex);
@@ -53,8 +58,8 @@ AppServiceStatistics::Snapshot AppServiceStatistics::snapshot() {
     snapshot.bytesReceived = bytesReceived.load(std::memory_order_relaxed);
     snapshot.bytesSent = bytesSent.load(std::memory_order_relaxed);
     snapshot.peersCutOff = peersCutOff.load(std::memory_order_relaxed);
-    snapshot.frameMemoryInUse = Details::FrameMemory::inUse();
-    snapshot.frameMemoryCeiling = Details::FrameMemory::budget;
+    snapshot.frameMemoryInUse = memoryHeldNow.load(std::memory_order_relaxed);
+    snapshot.frameMemoryCeiling = Details::MemoryBudget().ceiling();
     Requests& all = requests();
     MutexLock lock(all.mutex);
     snapshot.requests.insert(all.byCommand.begin(), all.byCommand.end());

@@ -30,6 +30,8 @@ public:
     static void received(std::size_t bytes);
     static void sent(std::size_t bytes);
     static void peerCutOff();
+    // What the process holds for its peers now (frames, requests, answers).
+    static void memoryHeld(std::size_t bytes);
     // The service names its commands from a set of its own, so that a peer
     // cannot make the table grow.
     static void request(std::string_view command, bool failed);

@@ -3,23 +3,24 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
+#include <cstring>
 #include <functional>
 #include <system_error>
 
 #include "Platform/AppService/AppServiceChannel.h"
-#include "Platform/AppService/FrameMemory.h"
-#include "Platform/AppService/RequestScheduler.h"
+#include "Platform/AppService/IncomingRequest.h"
+#include "Platform/AppService/RuntimeLog.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
 namespace Quorvendale::Platform::Details {
 namespace {
 
-// How often channels holding frame memory are asked whether their peer has
-// stopped: often enough that a stalled peer is cut off within a fraction of
-// the time it is allowed, seldom enough to cost nothing. An idle process
-// does not wake at all.
-constexpr int stallCheckMilliseconds = 250;
+// How often, while the loop holds memory for frames, it looks for peers
+// that let a frame pass its deadline: often enough that a cut-off comes
+// within a fraction of the grace, seldom enough to cost nothing. An idle
+// loop does not wake at all.
+constexpr std::chrono::milliseconds lookInterval{250};
 // The event that stands for wake_ rather than a channel; channel ids start at 1.
 constexpr std::uint64_t wakeEvent = 0;
 constexpr int eventsPerWait = 64;
@@ -31,17 +32,20 @@ int checked(int descriptor, const char* what) {
 
 }  // namespace
 
-ChannelLoop& ChannelLoop::instance() {
-    static ChannelLoop* loop = [] {
-        auto* made = new ChannelLoop;
-        ThreadPool::submit([made] { made->run(); });
-        return made;
-    }();
-    return *loop;
+std::shared_ptr<ChannelLoop> ChannelLoop::start(Settings settings) {
+    auto loop = std::make_shared<ChannelLoop>(settings);
+    {
+        MutexLock lock(loop->mutex_);
+        loop->running_ = true;
+    }
+    ThreadPool::submit([loop] { loop->run(); });
+    return loop;
 }
 
-ChannelLoop::ChannelLoop()
-    : epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
+ChannelLoop::ChannelLoop(Settings settings)
+    : memory_(settings.memory),
+      scheduler_(settings.runningPerClient, memory_),
+      epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
       wake_(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -49,7 +53,19 @@ ChannelLoop::ChannelLoop()
     checked(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event), "epoll_ctl");
 }
 
-void ChannelLoop::add(const std::shared_ptr<AppServiceChannel>& channel) {
+ChannelLoop::~ChannelLoop() = default;
+
+void ChannelLoop::stop() {
+    {
+        MutexLock lock(mutex_);
+        stopping_ = true;
+    }
+    wake();
+    MutexLock lock(mutex_);
+    while (running_) stopped_.wait(lock.forWaiting());
+}
+
+void ChannelLoop::watch(const std::shared_ptr<AppServiceChannel>& channel) {
     {
         MutexLock lock(mutex_);
         added_.push_back(channel);
@@ -57,124 +73,156 @@ void ChannelLoop::add(const std::shared_ptr<AppServiceChannel>& channel) {
     wake();
 }
 
-void ChannelLoop::reconsider(std::uint64_t channelId) {
+void ChannelLoop::lookAgain(ChannelId channel) {
     {
         MutexLock lock(mutex_);
-        reconsidered_.push_back(channelId);
+        changed_.push_back(channel);
     }
     wake();
 }
 
-void ChannelLoop::memoryReleased() {
+void ChannelLoop::memoryCameBack() {
     {
         MutexLock lock(mutex_);
-        memoryReleased_ = true;
+        memoryCameBack_ = true;
     }
     wake();
 }
 
-void ChannelLoop::wake() {
+void ChannelLoop::wake() noexcept {
     const std::uint64_t one = 1;
     [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
 }
 
-// Runs the loop's turns on this thread until one reads a request and a
-// pool thread is idle: the idle thread takes the loop over, and this one
-// serves a request, so that a request reaches its handler on the thread
-// that read it. (With no thread idle, the loop keeps its thread and the
-// requests wait for pool threads, as every other job.)
-void ChannelLoop::run() {
-    for (;;) {
-        RequestScheduler::holdJobs();
-        try {
-            turn();
-        } catch (...) {
-            // The loop outlives a turn that could not get memory.
-        }
-        const std::size_t jobs = RequestScheduler::takeHeldJobs();
-        if (jobs == 0) continue;
-        std::function<void()> rest = [this] { run(); };
-        const bool handedOff = ThreadPool::handOff(rest);
-        for (std::size_t job = handedOff ? 1 : 0; job < jobs; ++job) {
-            ThreadPool::submit(&RequestScheduler::serveNext);
-        }
-        if (handedOff) {
-            RequestScheduler::serveNext();
-            return;
-        }
+bool ChannelLoop::onTurnThread() const {
+    return turnThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+void ChannelLoop::giveJobs(std::size_t jobs) {
+    if (jobs == 0) return;
+    if (onTurnThread()) {
+        turn.assertEntered();
+        heldJobs_ += jobs;
+        return;
+    }
+    for (std::size_t job = 0; job < jobs; ++job) {
+        ThreadPool::submit([self = shared_from_this()] { self->serveOne(); });
     }
 }
 
-// Waits for what is ready, or for the next stall check while frame memory
-// is held, and serves it.
-void ChannelLoop::turn() {
+// Runs turns on this thread until one reads a request and a pool thread is
+// idle: the idle thread takes the loop over, and this one serves a request.
+// With no thread idle, the loop keeps its thread and the requests wait for
+// pool threads, as every other job.
+void ChannelLoop::run() {
+    turn.enter();
+    turnThread_.store(std::this_thread::get_id());
+    for (;;) {
+        if (!turnOnce()) {
+            endEveryChannel();
+            turnThread_.store({});
+            turn.leave();
+            MutexLock lock(mutex_);
+            running_ = false;
+            stopped_.notify_all();
+            return;
+        }
+        const std::size_t jobs = std::exchange(heldJobs_, 0);
+        if (jobs == 0) continue;
+        turnThread_.store({});
+        turn.leave();
+        std::function<void()> rest = [self = shared_from_this()] { self->run(); };
+        const bool handedOff = ThreadPool::handOff(rest);
+        giveJobs(handedOff ? jobs - 1 : jobs);
+        if (handedOff) {
+            serveOne();
+            return;
+        }
+        turn.enter();
+        turnThread_.store(std::this_thread::get_id());
+    }
+}
+
+// One job: the next request the scheduler picks.
+void ChannelLoop::serveOne() {
+    std::size_t jobs = 0;
+    const std::shared_ptr<IncomingRequest> request = scheduler_.next(jobs);
+    giveJobs(jobs);
+    if (!request) return;
+    request->channel->raise(request);
+    giveJobs(scheduler_.finished(*request));
+}
+
+// Waits for what is ready, or for the next look at the deadlines while
+// memory is held, and serves it.
+bool ChannelLoop::turnOnce() {
     using Clock = std::chrono::steady_clock;
     epoll_event events[eventsPerWait];
-    const bool holding = FrameMemory::inUse() > 0 || !waitingForMemory_.empty();
+    const bool framesMove = memory_.held() > 0;
     const int ready = Posix::retryInterrupted([&] {
         return ::epoll_wait(epoll_.get(), events, eventsPerWait,
-                            holding ? stallCheckMilliseconds : -1);
+                            framesMove ? static_cast<int>(lookInterval.count()) : -1);
     });
     for (int i = 0; i < ready; ++i) {
         if (events[i].data.u64 == wakeEvent) {
             std::uint64_t count = 0;
             [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
         } else {
-            serve(events[i].data.u64, events[i].events);
+            this->ready(events[i].data.u64, events[i].events);
         }
     }
     takePosted();
-    if (holding && Clock::now() >= nextStallCheck_) {
-        checkStalled();
-        resumeWaitingForMemory();
-        nextStallCheck_ = Clock::now() + std::chrono::milliseconds(stallCheckMilliseconds);
+    {
+        MutexLock lock(mutex_);
+        if (stopping_) return false;
     }
+    const auto now = Clock::now();
+    if (!framesMove) {
+        lastLook_ = now;
+    } else if (now - lastLook_ >= lookInterval) {
+        // A loop that could not look (a long turn) does not charge peers for it.
+        cutOffLatePeers(std::min<Clock::duration>(now - lastLook_, 2 * lookInterval));
+        lastLook_ = now;
+    }
+    return true;
 }
 
 // What other threads asked for since the last turn.
 void ChannelLoop::takePosted() {
     std::vector<std::shared_ptr<AppServiceChannel>> added;
-    std::vector<std::uint64_t> reconsidered;
-    bool memoryReleased = false;
+    std::vector<ChannelId> changed;
+    bool memoryCameBack = false;
     {
         MutexLock lock(mutex_);
         added.swap(added_);
-        reconsidered.swap(reconsidered_);
-        memoryReleased = std::exchange(memoryReleased_, false);
+        changed.swap(changed_);
+        memoryCameBack = std::exchange(memoryCameBack_, false);
     }
     for (const auto& channel : added) {
-        watched_[channel->id()] = Watched{.channel = channel, .socket = channel->socket()};
+        watched_[channel->id()] = Watched{.channel = channel};
         update(channel->id());
     }
-    for (const std::uint64_t id : reconsidered) update(id);
-    if (memoryReleased) resumeWaitingForMemory();
+    for (const ChannelId id : changed) update(id);
+    if (memoryCameBack) {
+        resumeWaitingForMemory();
+        giveJobs(scheduler_.resume());
+    }
 }
 
-// Makes epoll watch what the channel now waits for, and forgets a channel
-// that has ended. The channel is held meanwhile, so its socket stays open; a
-// channel already destroyed took its socket out of epoll itself.
-void ChannelLoop::update(std::uint64_t id) {
+// Makes epoll watch what the channel now waits for, and lets go of a
+// channel that has ended: only then may it be destroyed, so its socket is
+// out of epoll before it closes.
+void ChannelLoop::update(ChannelId id) {
     const auto found = watched_.find(id);
     if (found == watched_.end()) return;
     Watched& watched = found->second;
-    const std::shared_ptr<AppServiceChannel> channel = watched.channel.lock();
-    AppServiceChannel::Interest interest =
-        channel ? channel->interest() : AppServiceChannel::Interest{.ended = true};
-    if (interest.peerGone) {
-        channel->close(true);
-        interest = {.ended = true};
-    }
+    AppServiceChannel& channel = *watched.channel;
+    const AppServiceChannel::Interest interest = channel.interest();
     if (interest.ended) {
-        if (channel) {
-            if (watched.events != 0) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.socket, nullptr);
-            channel->forgetPartialFrame();
-        }
+        if (watched.events != 0) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.socket(), nullptr);
+        channel.forgetPartialFrame();
         watched_.erase(found);
         return;
-    }
-    if (interest.waitingForMemory && !watched.waitingForMemory) {
-        watched.waitingForMemory = true;
-        waitingForMemory_.push_back(id);
     }
     const std::uint32_t events = (interest.read ? EPOLLIN : 0u) | (interest.write ? EPOLLOUT : 0u);
     if (events == watched.events) return;
@@ -183,54 +231,68 @@ void ChannelLoop::update(std::uint64_t id) {
     // while the channel is at its limit of requests.
     int failed = 0;
     if (events == 0) {
-        failed = ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.socket, nullptr);
+        failed = ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.socket(), nullptr);
     } else {
         epoll_event event{};
         event.events = events;
         event.data.u64 = id;
         failed = ::epoll_ctl(epoll_.get(), watched.events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD,
-                             watched.socket, &event);
+                             channel.socket(), &event);
     }
     watched.events = events;
-    // A socket that cannot be watched is a connection that cannot be served.
-    if (failed != 0) channel->close(true);
+    if (failed != 0) {
+        logLine(std::string("closing an app-service connection the loop cannot watch: ") +
+                std::strerror(errno));
+        channel.close(AppServiceChannel::EndedBy::Runtime);
+    }
 }
 
-void ChannelLoop::forget(int socket) { ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, socket, nullptr); }
-
-void ChannelLoop::serve(std::uint64_t id, std::uint32_t events) {
+void ChannelLoop::ready(ChannelId id, std::uint32_t events) {
     const auto found = watched_.find(id);
     if (found == watched_.end()) return;
-    if (const auto channel = found->second.channel.lock()) {
-        try {
-            if (events & EPOLLOUT) channel->flush();
-            if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->readSome();
-        } catch (...) {
-            // The loop outlives whatever a completion handler it ran did
-            // wrong, and whatever memory a request could not get.
-        }
+    const std::shared_ptr<AppServiceChannel> channel = found->second.channel;
+    const char* doing = "sending to";
+    try {
+        if (events & EPOLLOUT) channel->flush();
+        doing = "receiving from";
+        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->receive();
+    } catch (const std::exception& error) {
+        logLine(std::string("closing an app-service connection after an error ") + doing +
+                " it: " + error.what());
+        channel->close(AppServiceChannel::EndedBy::Runtime);
     }
     update(id);
 }
 
 void ChannelLoop::resumeWaitingForMemory() {
-    std::deque<std::uint64_t> waiting;
-    waiting.swap(waitingForMemory_);
-    for (const std::uint64_t id : waiting) {
+    std::vector<ChannelId> waiting;
+    for (const auto& [id, watched] : watched_) {
+        if (watched.channel->waitingForMemory()) waiting.push_back(id);
+    }
+    for (const ChannelId id : waiting) ready(id, EPOLLIN);
+}
+
+void ChannelLoop::cutOffLatePeers(std::chrono::steady_clock::duration wanted) {
+    std::vector<ChannelId> ids;
+    ids.reserve(watched_.size());
+    for (const auto& [id, watched] : watched_) ids.push_back(id);
+    for (const ChannelId id : ids) {
         const auto found = watched_.find(id);
         if (found == watched_.end()) continue;
-        found->second.waitingForMemory = false;
-        serve(id, EPOLLIN);
+        found->second.channel->cutOffIfLate(wanted);
+        update(id);
     }
 }
 
-void ChannelLoop::checkStalled() {
-    const bool othersWait = !waitingForMemory_.empty();
-    std::vector<std::shared_ptr<AppServiceChannel>> channels;
+void ChannelLoop::endEveryChannel() {
     for (const auto& [id, watched] : watched_) {
-        if (auto channel = watched.channel.lock()) channels.push_back(std::move(channel));
+        watched.channel->close(AppServiceChannel::EndedBy::Runtime);
+        if (watched.events != 0) {
+            ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.channel->socket(), nullptr);
+        }
+        watched.channel->forgetPartialFrame();
     }
-    for (const auto& channel : channels) channel->closeIfStalled(othersWait);
+    watched_.clear();
 }
 
 }  // namespace Quorvendale::Platform::Details

@@ -16,16 +16,26 @@ IAsyncOperation<T> failedOperation(HRESULT code) {
     return completion.operation();
 }
 
+// The loop of the connections this process makes without naming one:
+// started on first use and never stopped, since channels may still use it
+// while the process exits.
+std::shared_ptr<ChannelLoop> processLoop() {
+    static const std::shared_ptr<ChannelLoop>* loop =
+        new std::shared_ptr<ChannelLoop>(ChannelLoop::start({}));
+    return *loop;
+}
+
 }  // namespace
 
 ConnectionObject::~ConnectionObject() {
     // No lock: nobody else can reach an object that is being destroyed.
-    if (channel_) channel_->close(false);
+    if (channel_) channel_->close(AppServiceChannel::EndedBy::Owner);
 }
 
-std::shared_ptr<ConnectionObject> ConnectionObject::overSocket(int descriptor) {
+std::shared_ptr<ConnectionObject> ConnectionObject::overSocket(int descriptor, ClientId client,
+                                                               std::shared_ptr<ChannelLoop> loop) {
     auto object = std::make_shared<ConnectionObject>();
-    object->attach(Posix::FileDescriptor(descriptor));
+    object->attach(Posix::FileDescriptor(descriptor), client, std::move(loop));
     return object;
 }
 
@@ -70,7 +80,7 @@ AppServiceConnectionStatus ConnectionObject::openOnBus(const hstring& packageFam
         status = opened.status;
         if (status == AppServiceConnectionStatus::Success) {
             // Closed while it opened: the connection stays closed, the socket goes.
-            return attach(std::move(opened.socket)) ? status : AppServiceConnectionStatus::Unknown;
+            return attach(std::move(opened.socket), 0, nullptr) ? status : AppServiceConnectionStatus::Unknown;
         }
     } catch (...) {
         status = AppServiceConnectionStatus::Unknown;
@@ -80,10 +90,12 @@ AppServiceConnectionStatus ConnectionObject::openOnBus(const hstring& packageFam
     return status;
 }
 
-bool ConnectionObject::attach(Posix::FileDescriptor socket) {
+bool ConnectionObject::attach(Posix::FileDescriptor socket, ClientId client,
+                              std::shared_ptr<ChannelLoop> loop) {
     MutexLock lock(mutex_);
     if (state_ == State::Closed) return false;
-    channel_ = AppServiceChannel::open(std::move(socket), weak_from_this());
+    channel_ = AppServiceChannel::open(loop ? std::move(loop) : processLoop(), std::move(socket),
+                                       weak_from_this(), client);
     state_ = State::Open;
     return true;
 }
@@ -101,7 +113,7 @@ void ConnectionObject::close() {
         state_ = State::Closed;
         channel = channel_;
     }
-    if (channel) channel->close(false);
+    if (channel) channel->close(AppServiceChannel::EndedBy::Owner);
 }
 
 }  // namespace Quorvendale::Platform::Details

@@ -19,8 +19,10 @@ public:
     ConnectionObject& operator=(const ConnectionObject&) = delete;
     ~ConnectionObject();
 
-    // An open connection over a connected socket.
-    static std::shared_ptr<ConnectionObject> overSocket(int descriptor);
+    // An open connection over a connected socket, served by the loop (none:
+    // the process's own).
+    static std::shared_ptr<ConnectionObject> overSocket(int descriptor, ClientId client,
+                                                        std::shared_ptr<ChannelLoop> loop);
 
     void appServiceName(const hstring& name);
     void packageFamilyName(const hstring& name);
@@ -39,7 +41,7 @@ private:
     AppServiceConnectionStatus openOnBus(const hstring& packageFamilyName,
                                          const hstring& appServiceName);
     // Makes the connection open over the socket; false if it was closed.
-    bool attach(Posix::FileDescriptor socket);
+    bool attach(Posix::FileDescriptor socket, ClientId client, std::shared_ptr<ChannelLoop> loop);
 
     // Taken alone: nothing else is locked while it is held (a channel is
     // made under it, and closed only after it is let go).

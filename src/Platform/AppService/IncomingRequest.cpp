@@ -8,7 +8,7 @@ AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
     auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Response, requestId, response}.encode();
     if (!frame) return AppServiceResponseStatus::MessageSizeTooLarge;
-    if (!channel->write(std::move(*frame), true)) return AppServiceResponseStatus::Failure;
+    if (!channel->sendAnswer(std::move(*frame))) return AppServiceResponseStatus::Failure;
     answered_ = true;
     return AppServiceResponseStatus::Success;
 }
@@ -25,7 +25,7 @@ void IncomingRequest::release() {
     answered_ = true;
     auto frame =
         AppServiceFrame{AppServiceFrame::Kind::Refusal, requestId, ValueSet()}.encode();
-    channel->write(std::move(*frame), true);
+    channel->sendAnswer(std::move(*frame));
 }
 
 }  // namespace Quorvendale::Platform::Details

@@ -9,10 +9,19 @@
 namespace Quorvendale::Platform::Details {
 
 // A request received from the peer, open while its handlers run and while a
-// deferral on it is outstanding. Holds counts both.
+// deferral on it is outstanding. Holds counts both. The memory its frame
+// took stays taken from its client's share until the request goes.
 struct IncomingRequest {
-    IncomingRequest(std::shared_ptr<AppServiceChannel> from, std::uint64_t id, ValueSet received)
-        : channel(std::move(from)), requestId(id), message(std::move(received)) {}
+    IncomingRequest(std::shared_ptr<AppServiceChannel> from, std::uint64_t id, ValueSet received,
+                    std::size_t heldBytes)
+        : channel(std::move(from)),
+          client(channel->client()),
+          requestId(id),
+          message(std::move(received)),
+          held(heldBytes) {}
+    ~IncomingRequest() { channel->giveBack(held); }
+    IncomingRequest(const IncomingRequest&) = delete;
+    IncomingRequest& operator=(const IncomingRequest&) = delete;
 
     AppServiceResponseStatus respond(const ValueSet& response);
     void hold();
@@ -20,8 +29,10 @@ struct IncomingRequest {
     void release();
 
     const std::shared_ptr<AppServiceChannel> channel;
+    const ClientId client;
     const std::uint64_t requestId;
     const ValueSet message;
+    const std::size_t held;
 
 private:
     // Held while the answer or the refusal is written, so that only one of

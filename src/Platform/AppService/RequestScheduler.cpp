@@ -1,78 +1,118 @@
 #include "Platform/AppService/RequestScheduler.h"
 
-#include <deque>
 #include <utility>
 
-#include "Platform/AppService/AppServiceChannel.h"
 #include "Platform/AppService/IncomingRequest.h"
-#include "Platform/Foundation/Mutex.h"
-#include "Platform/Foundation/ThreadPool.h"
 
 namespace Quorvendale::Platform::Details {
-namespace {
 
-// Taken before a channel's lock, never after it.
-struct Line {
-    Mutex mutex;
-    std::deque<std::shared_ptr<AppServiceChannel>> channels QV_GUARDED_BY(mutex);
-};
-
-// Never destroyed: pool threads may still serve while the process exits.
-Line& line() {
-    static Line* instance = new Line;
-    return *instance;
+bool RequestScheduler::mayRun(ClientId id, const Client& client) const {
+    return client.running < runningPerClient_ && memory_.mayStart(id);
 }
 
-// Set on the channel loop's thread during a turn: the jobs it gives.
-thread_local bool holding = false;
-thread_local std::size_t held = 0;
+std::size_t RequestScheduler::joinLine(ClientId id, Client& client) {
+    if (client.inLine || client.connections.empty() || !mayRun(id, client)) return 0;
+    client.inLine = true;
+    client.waitsForMemory = false;
+    line_.push_back(id);
+    return 1;
+}
 
-}  // namespace
+void RequestScheduler::forgetIfIdle(ClientId id) {
+    const auto found = clients_.find(id);
+    if (found == clients_.end()) return;
+    const Client& client = found->second;
+    if (client.running == 0 && client.connections.empty() && !client.inLine) clients_.erase(found);
+}
 
-// A job is added for each request received and each request that ends
-// while others of its connection wait; each job serves the first request in
-// the line that may run now. A job that finds only connections at their
-// limit leaves them out of the line: the end of one of their requests
-// brings them back with a job. So whatever may run has a job; extra jobs
-// (those of a closed connection's dropped requests) find nothing.
-void RequestScheduler::serveNext() {
-    Line& waiting = line();
-    std::shared_ptr<AppServiceChannel> channel;
-    std::shared_ptr<IncomingRequest> request;
-    {
-        MutexLock lock(waiting.mutex);
-        while (!request && !waiting.channels.empty()) {
-            channel = std::move(waiting.channels.front());
-            waiting.channels.pop_front();
-            bool more = false;
-            request = channel->takeRequest(more);
-            if (more) waiting.channels.push_back(channel);
+std::size_t RequestScheduler::add(std::shared_ptr<IncomingRequest> request) {
+    MutexLock lock(mutex_);
+    const ClientId id = request->client;
+    Connection& connection = connections_[request->channel->id()];
+    ++connection.inFlight;
+    Client& client = clients_[id];
+    if (connection.waiting.empty()) client.connections.push_back(request->channel->id());
+    connection.waiting.push_back(std::move(request));
+    return joinLine(id, client);
+}
+
+std::shared_ptr<IncomingRequest> RequestScheduler::next(std::size_t& jobs) {
+    jobs = 0;
+    MutexLock lock(mutex_);
+    while (!line_.empty()) {
+        const ClientId id = line_.front();
+        line_.pop_front();
+        Client& client = clients_[id];
+        client.inLine = false;
+        if (!memory_.mayStart(id)) {
+            client.waitsForMemory = true;
+            continue;
         }
+        // At its limit, the client rejoins when one of its requests ends.
+        if (client.running >= runningPerClient_) continue;
+        std::shared_ptr<IncomingRequest> request;
+        while (!request && !client.connections.empty()) {
+            const ChannelId channel = client.connections.front();
+            client.connections.pop_front();
+            const auto found = connections_.find(channel);
+            if (found == connections_.end() || found->second.waiting.empty()) continue;
+            request = std::move(found->second.waiting.front());
+            found->second.waiting.pop_front();
+            if (!found->second.waiting.empty()) client.connections.push_back(channel);
+        }
+        if (!request) {
+            forgetIfIdle(id);
+            continue;
+        }
+        ++client.running;
+        jobs = joinLine(id, client);
+        return request;
     }
-    if (!request) return;
-    channel->serve(request);
-    bool joinsTheLine = false;
-    if (channel->finishedServing(joinsTheLine)) RequestScheduler::add(channel, joinsTheLine);
+    return nullptr;
 }
 
-void RequestScheduler::add(const std::shared_ptr<AppServiceChannel>& channel, bool joinsTheLine) {
-    if (joinsTheLine) {
-        Line& waiting = line();
-        MutexLock lock(waiting.mutex);
-        waiting.channels.push_back(channel);
-    }
-    if (holding) {
-        ++held;
-    } else {
-        ThreadPool::submit(&serveNext);
-    }
+std::size_t RequestScheduler::finished(const IncomingRequest& request) {
+    MutexLock lock(mutex_);
+    Client& client = clients_[request.client];
+    --client.running;
+    const std::size_t jobs = joinLine(request.client, client);
+    forgetIfIdle(request.client);
+    return jobs;
 }
 
-void RequestScheduler::holdJobs() { holding = true; }
+std::size_t RequestScheduler::resume() {
+    MutexLock lock(mutex_);
+    std::size_t jobs = 0;
+    for (auto& [id, client] : clients_) {
+        if (client.waitsForMemory) jobs += joinLine(id, client);
+    }
+    return jobs;
+}
 
-std::size_t RequestScheduler::takeHeldJobs() {
-    holding = false;
-    return std::exchange(held, 0);
+bool RequestScheduler::answered(ChannelId channel) {
+    MutexLock lock(mutex_);
+    const auto found = connections_.find(channel);
+    if (found == connections_.end() || found->second.inFlight == 0) return false;
+    return found->second.inFlight-- == maximumInFlight;
+}
+
+bool RequestScheduler::mayReceive(ChannelId channel) const {
+    return inFlight(channel) < maximumInFlight;
+}
+
+std::size_t RequestScheduler::inFlight(ChannelId channel) const {
+    MutexLock lock(mutex_);
+    const auto found = connections_.find(channel);
+    return found == connections_.end() ? 0 : found->second.inFlight;
+}
+
+void RequestScheduler::drop(ChannelId channel) {
+    std::deque<std::shared_ptr<IncomingRequest>> dropped;  // let go outside the lock
+    MutexLock lock(mutex_);
+    const auto found = connections_.find(channel);
+    if (found == connections_.end()) return;
+    dropped.swap(found->second.waiting);
+    connections_.erase(found);
 }
 
 }  // namespace Quorvendale::Platform::Details

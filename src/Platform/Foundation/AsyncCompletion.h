@@ -23,6 +23,12 @@ public:
     bool Complete(T result) const {
         return operation_.finish(AsyncStatus::Completed, std::move(result), HResultError(S_OK));
     }
+    // As Complete, but a Completed handler runs on the pool, not on this
+    // thread: for a thread that must never wait on what a handler does.
+    bool CompleteOnPool(T result) const {
+        return operation_.finish(AsyncStatus::Completed, std::move(result), HResultError(S_OK),
+                                 true);
+    }
     bool Fail(HResultError error) const {
         return operation_.finish(AsyncStatus::Error, std::nullopt, std::move(error));
     }

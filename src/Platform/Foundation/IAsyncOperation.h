@@ -2,9 +2,9 @@
 // error or a cancellation. Copies share one operation.
 //
 // Completed(handler) takes one handler. It runs exactly once: on the thread
-// that completes the operation, or at once on the registering thread if the
-// operation has already ended. A handler must not block for long, since that
-// thread may be the one that delivers the next results.
+// that completes the operation (on a pool thread when the producer says so,
+// as the app-service loop does for answers), or at once on the registering
+// thread if the operation has already ended.
 //
 // The producer side is AsyncCompletion, the runtime's own.
 #pragma once
@@ -17,6 +17,7 @@
 
 #include "Platform/Foundation/HResultError.h"
 #include "Platform/Foundation/Mutex.h"
+#include "Platform/Foundation/ThreadPool.h"
 
 namespace Quorvendale::Platform {
 
@@ -99,7 +100,8 @@ private:
     IAsyncOperation() : state_(std::make_shared<Details::AsyncState<T>>()) {}
 
     // Ends the operation with the result or error of that status.
-    bool finish(AsyncStatus status, std::optional<T> result, HResultError error) const {
+    bool finish(AsyncStatus status, std::optional<T> result, HResultError error,
+                bool handlerOnPool = false) const {
         CompletedHandler handler;
         {
             MutexLock lock(state_->mutex);
@@ -110,7 +112,14 @@ private:
             handler = std::move(state_->completed);
         }
         state_->ended.notify_all();
-        if (handler) handler(*this, status);
+        if (!handler) return true;
+        if (handlerOnPool) {
+            ThreadPool::submit([self = *this, handler = std::move(handler), status] {
+                handler(self, status);
+            });
+        } else {
+            handler(*this, status);
+        }
         return true;
     }
 

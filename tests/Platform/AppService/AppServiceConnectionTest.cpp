@@ -81,7 +81,7 @@ TEST(AppServiceConnection, AMessageOverTheLimitIsRefusedAndTheConnectionGoesOn) 
 // why only once the process (the host) has switched its log on.
 TEST(AppServiceConnection, CuttingOffAPeerThatStoppedReadingIsSilentUntilTheLogIsOn) {
     ValueSet large;
-    large.Insert(u"data", PropertyValue::CreateString(hstring(std::u16string(4 << 20, u'x'))));
+    large.Insert(u"data", PropertyValue::CreateString(hstring(std::u16string(1 << 19, u'x'))));
     for (const bool logging : {false, true}) {
         if (logging) enableRuntimeLog();
         int ends[2];
