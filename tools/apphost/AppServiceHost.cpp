@@ -52,11 +52,26 @@ constexpr std::chrono::milliseconds trimInterval{250};
 std::size_t connectionCapacity() {
     rlimit descriptors{};
     if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return AppServiceHost::maximumConnections;
-    const rlim_t usable = descriptors.rlim_cur > AppServiceHost::descriptorMargin
-                              ? descriptors.rlim_cur - AppServiceHost::descriptorMargin
-                              : 0;
+    const rlim_t margin =
+        std::min<rlim_t>(AppServiceHost::descriptorMargin, descriptors.rlim_cur / 2);
     return static_cast<std::size_t>(
-        std::min<rlim_t>(usable, AppServiceHost::maximumConnections));
+        std::min<rlim_t>(descriptors.rlim_cur - margin, AppServiceHost::maximumConnections));
+}
+
+std::size_t clientConnectionLimit() {
+    return std::max<std::size_t>(1, connectionCapacity() / AppServiceHost::clientConnectionShare);
+}
+
+// The process that called Open, as the bus knows it: the client whose
+// connections share one budget. 0 when the bus cannot say.
+std::uint64_t callerProcess(sd_bus_message* call) {
+    sd_bus_creds* creds = nullptr;
+    pid_t pid = 0;
+    if (sd_bus_query_sender_creds(call, SD_BUS_CREDS_PID, &creds) >= 0) {
+        if (sd_bus_creds_get_pid(creds, &pid) < 0) pid = 0;
+    }
+    sd_bus_creds_unref(creds);
+    return static_cast<std::uint64_t>(pid);
 }
 
 }  // namespace
@@ -79,12 +94,14 @@ public:
     }
 
     // Keeps both until the connection ends.
-    void add(const AppServiceConnection& connection, com_ptr<BackgroundTaskInstance> task) {
+    void add(const AppServiceConnection& connection, com_ptr<BackgroundTaskInstance> task,
+             std::uint64_t client) {
         std::uint64_t id = 0;
         {
             Platform::MutexLock lock(mutex_);
             id = ++lastId_;
-            served_.emplace(id, Served{connection, std::move(task)});
+            served_.emplace(id, Served{connection, std::move(task), client});
+            ++ofClient_[client];
         }
         connection.whenEnded([weak = weak_from_this(), id] {
             if (const auto self = weak.lock()) self->forget(id);
@@ -94,6 +111,12 @@ public:
     std::size_t count() const {
         Platform::MutexLock lock(mutex_);
         return served_.size();
+    }
+
+    std::size_t countOf(std::uint64_t client) const {
+        Platform::MutexLock lock(mutex_);
+        const auto found = ofClient_.find(client);
+        return found == ofClient_.end() ? 0 : found->second;
     }
 
     void cancelAll() {
@@ -110,6 +133,7 @@ private:
     struct Served {
         AppServiceConnection connection{nullptr};
         com_ptr<BackgroundTaskInstance> task;
+        std::uint64_t client = 0;
     };
 
     std::vector<Served> snapshot() const {
@@ -126,6 +150,7 @@ private:
         if (found == served_.end()) return;
         gone = std::move(found->second);
         served_.erase(found);
+        if (--ofClient_[gone.client] == 0) ofClient_.erase(gone.client);
         // Inside the lock: once the loop sees the count at zero, no thread
         // touches this object any more.
         const std::uint64_t one = 1;
@@ -135,6 +160,7 @@ private:
     const Posix::FileDescriptor wake_;
     mutable Platform::Mutex mutex_;
     std::map<std::uint64_t, Served> served_ QV_GUARDED_BY(mutex_);
+    std::map<std::uint64_t, std::size_t> ofClient_ QV_GUARDED_BY(mutex_);
     std::uint64_t lastId_ QV_GUARDED_BY(mutex_) = 0;
 };
 
@@ -240,7 +266,9 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
         return sd_bus_error_set(error, AppServiceBus::appServiceUnavailableError,
                                 "This package declares no app service of that name.");
     }
-    if (served_->count() >= connectionCapacity()) {
+    const std::uint64_t client = callerProcess(call);
+    if (served_->count() >= connectionCapacity() ||
+        (client != 0 && served_->countOf(client) >= clientConnectionLimit())) {
         status_.connectionRefused();
         return sd_bus_error_set(error, AppServiceBus::connectionLimitError,
                                 "The app service serves all the connections it can; "
@@ -256,7 +284,7 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
     // like any other.
     const Posix::FileDescriptor clients(ends[1]);
     try {
-        serve(std::move(served));
+        serve(std::move(served), client);
     } catch (const HResultError& failure) {
         return sd_bus_error_setf(
             error, SD_BUS_ERROR_FAILED, "The app service could not be started: 0x%08X %s",
@@ -275,10 +303,11 @@ int AppServiceHost::open(sd_bus_message* call, sd_bus_error* error) {
 
 // The task runs before the client gets its end, so that no request can
 // arrive before the service listens.
-void AppServiceHost::serve(Posix::FileDescriptor socket) {
-    const AppServiceConnection connection = AppServiceConnection::fromSocket(socket.release());
+void AppServiceHost::serve(Posix::FileDescriptor socket, std::uint64_t client) {
+    const AppServiceConnection connection =
+        AppServiceConnection::fromSocket(socket.release(), client);
     const auto task = BackgroundTaskInstance::forConnection(connection);
-    served_->add(connection, task);
+    served_->add(connection, task, client);
     try {
         task->run(*library_.activate(hstring(utf8ToUtf16(options_.entryPoint))));
     } catch (...) {

@@ -25,12 +25,16 @@ public:
     // Descriptors kept for the host's own use beyond its connections: a file
     // or folder for each pool thread at work, the bus, the loop's own, the
     // library's. A connection takes one; past its soft RLIMIT_NOFILE less
-    // this margin, the host refuses Open rather than fail to answer it.
+    // this margin, the host refuses Open rather than fail to answer it. A
+    // host at a low limit keeps half of it, so that it still serves some.
     static constexpr std::size_t descriptorMargin = 128;
     // A connection costs no thread, but a descriptor and the kernel's
     // buffers of its socket pair: past this many, the host refuses rather
     // than let the kernel's memory for it grow without end.
     static constexpr std::size_t maximumConnections = 8192;
+    // One client (a process) may hold this share of the connections the
+    // host can serve, so that no application takes them all from others.
+    static constexpr std::size_t clientConnectionShare = 4;  // a quarter
 
     // Takes over the bus connection.
     AppServiceHost(const HostOptions& options, const ServiceLibrary& library, sd_bus* bus);
@@ -60,7 +64,7 @@ private:
     static int onTrimTimer(sd_event_source*, std::uint64_t, void* self);
 
     int open(sd_bus_message* call, sd_bus_error* error);
-    void serve(Posix::FileDescriptor socket);
+    void serve(Posix::FileDescriptor socket, std::uint64_t client);
     void armIdleTimer(std::uint64_t afterMicroseconds);
     void exitWhenIdle();
     void releaseName();
