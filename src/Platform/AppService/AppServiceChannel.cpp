@@ -44,7 +44,10 @@ AppServiceChannel::AppServiceChannel(std::shared_ptr<ChannelLoop> loop,
       // A peer of no name is its connection alone.
       client_(client != 0 ? client : (ClientId{1} << 63) | id_),
       receiver_(loop_->memory(), client_),
-      sender_(socket_.get(), loop_->memory(), client_) {}
+      sender_(socket_.get(), loop_->memory(), client_),
+      pending_([loop = loop_.get()](std::function<void()> handler) {
+          loop->giveWork(std::move(handler));
+      }) {}
 
 AppServiceChannel::~AppServiceChannel() = default;
 

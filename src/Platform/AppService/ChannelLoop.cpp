@@ -99,21 +99,24 @@ bool ChannelLoop::onTurnThread() const {
 }
 
 void ChannelLoop::giveJobs(std::size_t jobs) {
-    if (jobs == 0) return;
-    if (onTurnThread()) {
-        turn.assertEntered();
-        heldJobs_ += jobs;
-        return;
-    }
     for (std::size_t job = 0; job < jobs; ++job) {
-        ThreadPool::submit([self = shared_from_this()] { self->serveOne(); });
+        giveWork([self = shared_from_this()] { self->serveOne(); });
     }
 }
 
-// Runs turns on this thread until one reads a request and a pool thread is
-// idle: the idle thread takes the loop over, and this one serves a request.
-// With no thread idle, the loop keeps its thread and the requests wait for
-// pool threads, as every other job.
+void ChannelLoop::giveWork(std::function<void()> work) {
+    if (onTurnThread()) {
+        turn.assertEntered();
+        heldWork_.push_back(std::move(work));
+    } else {
+        ThreadPool::submit(std::move(work));
+    }
+}
+
+// Runs turns on this thread until one finds work and a pool thread is
+// idle: the idle thread takes the loop over, and this one does the work's
+// first piece (serves a request, say). With no thread idle, the loop keeps
+// its thread and the work waits for pool threads, as every other job.
 void ChannelLoop::run() {
     turn.enter();
     turnThread_.store(std::this_thread::get_id());
@@ -127,15 +130,17 @@ void ChannelLoop::run() {
             stopped_.notify_all();
             return;
         }
-        const std::size_t jobs = std::exchange(heldJobs_, 0);
-        if (jobs == 0) continue;
+        if (heldWork_.empty()) continue;
+        std::vector<std::function<void()>> work = std::exchange(heldWork_, {});
         turnThread_.store({});
         turn.leave();
         std::function<void()> rest = [self = shared_from_this()] { self->run(); };
         const bool handedOff = ThreadPool::handOff(rest);
-        giveJobs(handedOff ? jobs - 1 : jobs);
+        for (std::size_t piece = handedOff ? 1 : 0; piece < work.size(); ++piece) {
+            ThreadPool::submit(std::move(work[piece]));
+        }
         if (handedOff) {
-            serveOne();
+            work.front()();
             return;
         }
         turn.enter();

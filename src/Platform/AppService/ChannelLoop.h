@@ -20,6 +20,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <unordered_map>
@@ -73,9 +74,13 @@ public:
     void lookAgain(ChannelId channel);
     // Any thread: memory came back while a client waited for it.
     void memoryCameBack();
-    // Any thread: jobs for the pool. During a turn they are counted for the
-    // hand-off at its end instead.
+    // Any thread: work for the pool (jobs that serve requests, handlers of
+    // answered operations). During a turn it is held for the turn's end,
+    // where the thread gives the loop to an idle one and does the first
+    // piece itself: work the loop finds costs no extra thread switch, and
+    // a piece that blocks never stalls the loop.
     void giveJobs(std::size_t jobs);
+    void giveWork(std::function<void()> work);
 
     MemoryBudget& memory() noexcept { return memory_; }
     RequestScheduler& scheduler() noexcept { return scheduler_; }
@@ -117,7 +122,7 @@ private:
     std::atomic<std::thread::id> turnThread_{};
 
     std::unordered_map<ChannelId, Watched> watched_ QV_GUARDED_BY(turn);
-    std::size_t heldJobs_ QV_GUARDED_BY(turn) = 0;
+    std::vector<std::function<void()>> heldWork_ QV_GUARDED_BY(turn);
     std::chrono::steady_clock::time_point lastLook_ QV_GUARDED_BY(turn);
 };
 

@@ -1,7 +1,7 @@
 // PendingAnswers: this side's requests waiting for the peer's answers, by
-// request id. An answer completes its request off the loop's thread when
-// the operation has a Completed handler, so that a handler that blocks
-// stalls no connection; a caller that waits with get() is woken at once.
+// request id. A Completed handler of an answered request runs off the
+// loop's turn (the loop's giveWork), so that a handler that blocks stalls no
+// connection; a caller that waits with get() is woken at once.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,9 @@ namespace Quorvendale::Platform::Details {
 
 class PendingAnswers {
 public:
+    using Runner = std::function<void(std::function<void()>)>;
+    explicit PendingAnswers(Runner runHandler) : runHandler_(std::move(runHandler)) {}
+
     // A new request id and its operation; nullopt once the table is closed.
     std::optional<std::uint64_t> add(AsyncCompletion<AppServiceResponse> completion) {
         MutexLock lock(mutex_);
@@ -35,7 +38,7 @@ public:
             completion = std::move(found->second);
             waiting_.erase(found);
         }
-        completion->CompleteOnPool(std::move(response));
+        completion->CompleteVia(std::move(response), runHandler_);
     }
 
     bool empty() const {
@@ -51,12 +54,13 @@ public:
             closed_ = true;
             waiting.swap(waiting_);
         }
-        for (auto& [id, completion] : waiting) completion.CompleteOnPool(failed());
+        for (auto& [id, completion] : waiting) completion.CompleteVia(failed(), runHandler_);
     }
 
     static AppServiceResponse failed() { return {AppServiceResponseStatus::Failure, ValueSet()}; }
 
 private:
+    const Runner runHandler_;
     mutable Mutex mutex_;
     std::map<std::uint64_t, AsyncCompletion<AppServiceResponse>> waiting_ QV_GUARDED_BY(mutex_);
     std::uint64_t lastId_ QV_GUARDED_BY(mutex_) = 0;

@@ -23,11 +23,11 @@ public:
     bool Complete(T result) const {
         return operation_.finish(AsyncStatus::Completed, std::move(result), HResultError(S_OK));
     }
-    // As Complete, but a Completed handler runs on the pool, not on this
-    // thread: for a thread that must never wait on what a handler does.
-    bool CompleteOnPool(T result) const {
+    // As Complete, but a Completed handler is given to `run` rather than
+    // run on this thread: for a thread that must never wait on a handler.
+    bool CompleteVia(T result, const std::function<void(std::function<void()>)>& run) const {
         return operation_.finish(AsyncStatus::Completed, std::move(result), HResultError(S_OK),
-                                 true);
+                                 &run);
     }
     bool Fail(HResultError error) const {
         return operation_.finish(AsyncStatus::Error, std::nullopt, std::move(error));

@@ -2,8 +2,8 @@
 // error or a cancellation. Copies share one operation.
 //
 // Completed(handler) takes one handler. It runs exactly once: on the thread
-// that completes the operation (on a pool thread when the producer says so,
-// as the app-service loop does for answers), or at once on the registering
+// that completes the operation (or wherever the producer sends it: the
+// app-service loop runs it off its own turn), or at once on the registering
 // thread if the operation has already ended.
 //
 // The producer side is AsyncCompletion, the runtime's own.
@@ -17,7 +17,6 @@
 
 #include "Platform/Foundation/HResultError.h"
 #include "Platform/Foundation/Mutex.h"
-#include "Platform/Foundation/ThreadPool.h"
 
 namespace Quorvendale::Platform {
 
@@ -101,7 +100,7 @@ private:
 
     // Ends the operation with the result or error of that status.
     bool finish(AsyncStatus status, std::optional<T> result, HResultError error,
-                bool handlerOnPool = false) const {
+                const std::function<void(std::function<void()>)>* run = nullptr) const {
         CompletedHandler handler;
         {
             MutexLock lock(state_->mutex);
@@ -113,10 +112,8 @@ private:
         }
         state_->ended.notify_all();
         if (!handler) return true;
-        if (handlerOnPool) {
-            ThreadPool::submit([self = *this, handler = std::move(handler), status] {
-                handler(self, status);
-            });
+        if (run) {
+            (*run)([self = *this, handler = std::move(handler), status] { handler(self, status); });
         } else {
             handler(*this, status);
         }
