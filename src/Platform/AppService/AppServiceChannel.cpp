@@ -117,11 +117,17 @@ void AppServiceChannel::afterSending(const FrameSender::Sent& sent) {
 }
 
 AppServiceChannel::Interest AppServiceChannel::interest() const {
-    MutexLock lock(mutex_);
-    if (closed_) return {.ended = true};
-    return {.read = !peerEnded_ && !receiver_.waitingForMemory() &&
-                    loop_->scheduler().mayReceive(id_),
-            .write = sender_.waiting()};
+    if (ended()) return {.ended = true};
+    return {.read = mayReceive() && !receiver_.waitingForMemory(), .write = sender_.waiting()};
+}
+
+// Whether the channel reads from its peer, memory aside.
+bool AppServiceChannel::mayReceive() const {
+    {
+        MutexLock lock(mutex_);
+        if (closed_ || peerEnded_) return false;
+    }
+    return loop_->scheduler().mayReceive(id_);
 }
 
 void AppServiceChannel::cutOffIfLate(std::chrono::steady_clock::duration wanted) {
@@ -187,7 +193,7 @@ void AppServiceChannel::raiseEnd(EndedBy by) {
 }
 
 void AppServiceChannel::receive() {
-    if (!interest().read) return;
+    if (!mayReceive()) return;
     switch (receiver_.receive(socket_.get())) {
         case FrameReceiver::Result::Broken:
             close(EndedBy::Runtime);

@@ -77,6 +77,7 @@ public:
     void giveBack(std::size_t bytes);
 
 private:
+    bool mayReceive() const;
     void afterSending(const FrameSender::Sent& sent);
     void endOfStream();
     void dispatch(AppServiceFrame&& frame, std::size_t held) QV_REQUIRES(loop_->turn);
