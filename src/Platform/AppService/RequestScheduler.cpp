@@ -48,8 +48,6 @@ std::shared_ptr<IncomingRequest> RequestScheduler::next(std::size_t& jobs) {
             client.waitsForMemory = true;
             continue;
         }
-        // At its limit, the client rejoins when one of its requests ends.
-        if (client.running >= runningPerClient_) continue;
         std::shared_ptr<IncomingRequest> request;
         while (!request && !client.connections.empty()) {
             const ChannelId channel = client.connections.front();
