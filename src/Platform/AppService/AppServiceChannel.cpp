@@ -14,7 +14,7 @@
 #include "Platform/AppService/FrameMemory.h"
 #include "Platform/AppService/IncomingRequest.h"
 #include "Platform/AppService/RequestScheduler.h"
-#include "Platform/AppService/RuntimeLog.h"
+#include "Platform/Foundation/Log.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
@@ -41,14 +41,7 @@ std::uint64_t nextChannelId() {
     return ++last;
 }
 
-std::atomic<bool> runtimeLogEnabled{false};
-
-// One write, so that lines of several threads never interleave.
-void logLine(const std::string& text) {
-    if (!runtimeLogEnabled.load(std::memory_order_relaxed)) return;
-    const std::string line = std::string(program_invocation_short_name) + ": " + text + "\n";
-    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
-}
+void logLine(const std::string& text) { Platform::logLine(LogLevel::Warning, text); }
 
 }  // namespace
 
@@ -487,7 +480,3 @@ void AppServiceChannel::answer(std::uint64_t requestId, AppServiceResponse respo
 }
 
 }  // namespace Quorvendale::Platform::Details
-
-void Quorvendale::Platform::enableRuntimeLog() noexcept {
-    Details::runtimeLogEnabled.store(true, std::memory_order_relaxed);
-}
