@@ -9,8 +9,12 @@
 
 namespace Quorvendale::AppHost {
 
-inline void logFailure(std::string_view text) { Platform::logLine(Platform::LogLevel::Failure, text); }
-inline void logWarning(std::string_view text) { Platform::logLine(Platform::LogLevel::Warning, text); }
+inline void logFailure(std::string_view text) {
+    Platform::logLine(Platform::LogLevel::Failure, text);
+}
+inline void logWarning(std::string_view text) {
+    Platform::logLine(Platform::LogLevel::Warning, text);
+}
 inline void logInfo(std::string_view text) { Platform::logLine(Platform::LogLevel::Info, text); }
 
 }  // namespace Quorvendale::AppHost

@@ -28,15 +28,8 @@ bool standardErrorIsTheJournal() {
     return journal;
 }
 
-// The syslog priorities: err, warning, info.
-char priorityDigit(LogLevel level) {
-    switch (level) {
-        case LogLevel::Failure: return '3';
-        case LogLevel::Warning: return '4';
-        case LogLevel::Info: break;
-    }
-    return '6';
-}
+// The syslog priority of each level, in LogLevel's order: err, warning, info.
+constexpr char priorityDigits[] = {'3', '4', '6'};
 
 }  // namespace
 
@@ -45,7 +38,7 @@ void logLine(LogLevel level, std::string_view text) noexcept {
     try {
         std::string line;
         if (standardErrorIsTheJournal()) {
-            line = {'<', priorityDigit(level), '>'};
+            line = {'<', priorityDigits[static_cast<int>(level)], '>'};
         } else {
             line.append(program_invocation_short_name).append(": ");
         }
