@@ -25,7 +25,7 @@
 // orders their requests on each entry alone (EntryLocks.h): a read never sees
 // a write of the same entry under way. A subclass says where the root is,
 // lists a group's keys and makes group folders (FolderStorage does the last
-// two with makeFolder and namesIn).
+// two with the store's own namesIn and openGroup).
 //
 // Each operation builds its group's folder once, from one getRootFolder(),
 // makes it exist and derives the entry's path from it: the root and the
@@ -65,11 +65,12 @@ public:
     // Deletes the entry; a missing one is no error. "default" removes the
     // entry it stands for and keeps ".default".
     void remove(std::string_view group, std::string_view key);
-    // The name after `key` in getKeys(group), the first name for the empty
-    // key, or empty text after the last. "default" is not resolved here.
+    // The name after `key` in the group's listing (getKeys' order), the first
+    // name for the empty key, or empty text after the last. "default" is not resolved here.
     std::string next(std::string_view group, std::string_view key);
 
-    // The entry file's path, the key "default" resolved through ".default".
+    // The entry file's path, the key "default" resolved through ".default";
+    // makes the group's folder first, as the operations do.
     std::u16string getFilePath(std::string_view group, std::string_view key);
     // A file's whole content; fails with the read error when the file's
     // status cannot be taken.
