@@ -29,14 +29,27 @@ std::u16string BasicStorage::groupFolder(std::string_view group) {
     return folder;
 }
 
-std::u16string BasicStorage::getFilePath(std::string_view group, std::string_view key) {
-    ensureGroupFolder(group);
-    return entryPath(groupFolder(group), key);
+std::u16string BasicStorage::openGroup(std::string_view group) {
+    std::u16string folder = groupFolder(group);
+    if (!FileSystem::exists(folder)) FileSystem::createFolder(folder);
+    return folder;
 }
 
-// The path of getFilePath, for the operations that have just made the group
-// folder themselves: making sure of it twice would cost a second look-up of
-// the whole path in every operation.
+std::vector<std::string> BasicStorage::namesIn(const std::u16string& folder,
+                                               std::string_view group) {
+    const auto names = FileSystem::listFolder(folder);
+    if (!names) throw std::runtime_error("Failed to open folder: " + std::string(group));
+    std::vector<std::string> keys;
+    keys.reserve(names->size());
+    for (const std::u16string& name : *names) keys.push_back(utf16ToUtf8(name));
+    return keys;
+}
+
+std::u16string BasicStorage::getFilePath(std::string_view group, std::string_view key) {
+    return entryPath(openGroup(group), key);
+}
+
+// The entry's path in its group's folder, "default" resolved.
 std::u16string BasicStorage::entryPath(std::u16string folder, std::string_view key) {
     if (key == defaultKey) {
         // The alias is an entry too: read whole, never half written. Its
@@ -60,8 +73,7 @@ std::string BasicStorage::readFile(const std::u16string& path) {
 }
 
 std::string BasicStorage::read(std::string_view group, std::string_view key) {
-    ensureGroupFolder(group);
-    std::u16string folder = groupFolder(group);
+    std::u16string folder = openGroup(group);
     // An unset alias reads as empty, while write() of it fails: callers probe
     // "default" without setting it first.
     if (key == defaultKey && !FileSystem::exists(folder + defaultFileName)) return {};
@@ -71,22 +83,19 @@ std::string BasicStorage::read(std::string_view group, std::string_view key) {
 }
 
 void BasicStorage::write(std::string_view group, std::string_view key, std::string_view data) {
-    ensureGroupFolder(group);
-    const std::u16string path = entryPath(groupFolder(group), key);
+    const std::u16string path = getFilePath(group, key);
     const EntryLocks::Hold writing(entryLocks_, path, EntryLocks::Use::Write);
     if (!FileSystem::writeText(path, data)) throw std::runtime_error("Write file error");
 }
 
 void BasicStorage::remove(std::string_view group, std::string_view key) {
-    ensureGroupFolder(group);
-    const std::u16string path = entryPath(groupFolder(group), key);
+    const std::u16string path = getFilePath(group, key);
     const EntryLocks::Hold removing(entryLocks_, path, EntryLocks::Use::Write);
     if (!FileSystem::removeFile(path)) throw std::runtime_error("Remove file error");
 }
 
 std::string BasicStorage::next(std::string_view group, std::string_view key) {
-    ensureGroupFolder(group);
-    const std::vector<std::string> keys = getKeys(group);
+    const std::vector<std::string> keys = namesIn(openGroup(group), group);
     if (key.empty()) return keys.empty() ? std::string() : keys.front();
     const auto found = std::find(keys.begin(), keys.end(), key);
     if (found == keys.end()) throw std::runtime_error("Invalid key");

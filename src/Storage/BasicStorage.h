@@ -24,7 +24,12 @@
 // The store holds no data: one instance may serve many threads at once, and
 // orders their requests on each entry alone (EntryLocks.h): a read never sees
 // a write of the same entry under way. A subclass says where the root is,
-// lists a group's keys and makes group folders.
+// lists a group's keys and makes group folders (FolderStorage does the last
+// two with the store's own namesIn and openGroup).
+//
+// Each operation builds its group's folder once, from one getRootFolder(),
+// makes it exist and derives the entry's path from it: the root and the
+// paths are rebuilt for every operation, never kept between them.
 #pragma once
 
 #include <string>
@@ -39,8 +44,8 @@ class BasicStorage {
 public:
     virtual ~BasicStorage() = default;
 
-    // The root folder, without a trailing separator. Asked again for every
-    // path built; nothing is cached.
+    // The root folder, without a trailing separator. Asked again by every
+    // operation; nothing is cached.
     virtual std::u16string getRootFolder() = 0;
     // The names in the group's folder, files and folders alike (".default"
     // included), in the order the subclass lists them.
@@ -60,11 +65,12 @@ public:
     // Deletes the entry; a missing one is no error. "default" removes the
     // entry it stands for and keeps ".default".
     void remove(std::string_view group, std::string_view key);
-    // The name after `key` in getKeys(group), the first name for the empty
-    // key, or empty text after the last. "default" is not resolved here.
+    // The name after `key` in the group's listing (getKeys' order), the first
+    // name for the empty key, or empty text after the last. "default" is not resolved here.
     std::string next(std::string_view group, std::string_view key);
 
-    // The entry file's path, the key "default" resolved through ".default".
+    // The entry file's path, the key "default" resolved through ".default";
+    // makes the group's folder first, as the operations do.
     std::u16string getFilePath(std::string_view group, std::string_view key);
     // A file's whole content; fails with the read error when the file's
     // status cannot be taken.
@@ -73,6 +79,14 @@ public:
 protected:
     // <root>/<group>/, the group in UTF-16 up to its first zero byte.
     std::u16string groupFolder(std::string_view group);
+    // groupFolder(group), made first when it is missing: the one last level
+    // only, so a group "a/b" needs a group "a" to exist first. Failure is
+    // silent; the file operation that follows reports it.
+    std::u16string openGroup(std::string_view group);
+    // The names in a group's folder, files and folders alike, in the file
+    // system's own order. Throws std::runtime_error "Failed to open folder:
+    // <group>" when it cannot be listed.
+    static std::vector<std::string> namesIn(const std::u16string& folder, std::string_view group);
 
 private:
     std::u16string entryPath(std::u16string folder, std::string_view key);

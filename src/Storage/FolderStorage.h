@@ -1,5 +1,6 @@
 // FolderStorage: a BasicStorage whose groups are folders of the file system
-// under a root that the subclass gives. UwpStorage roots it in the
+// under a root that the subclass gives, listed and made as the store's own
+// operations do it. UwpStorage roots it in the
 // application package's local folder; a store rooted anywhere else behaves
 // the same.
 #pragma once

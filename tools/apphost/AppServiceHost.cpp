@@ -1,7 +1,6 @@
 #include "AppServiceHost.h"
 
 #include <malloc.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 #include "Platform/Background/BackgroundTaskInstance.h"
 #include "Platform/Foundation/Mutex.h"
 #include "Platform/Text/TextConversion.h"
+#include "Posix/WakeUp.h"
 
 namespace Quorvendale::AppHost {
 
@@ -80,18 +80,13 @@ std::uint64_t callerProcess(sd_bus_message* call) {
 // that report a connection's end.
 class ServedConnections : public std::enable_shared_from_this<ServedConnections> {
 public:
-    ServedConnections() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (!wake_.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
-    }
+    ServedConnections() = default;
     ServedConnections(const ServedConnections&) = delete;
     ServedConnections& operator=(const ServedConnections&) = delete;
 
     // Readable once a connection has ended since the last drainWakeups.
-    int wakeDescriptor() const { return wake_.get(); }
-    void drainWakeups() {
-        std::uint64_t ended = 0;
-        [[maybe_unused]] const auto got = ::read(wake_.get(), &ended, sizeof ended);
-    }
+    int wakeDescriptor() const { return wake_.descriptor(); }
+    void drainWakeups() { wake_.drain(); }
 
     // Keeps both until the connection ends.
     void add(const AppServiceConnection& connection, com_ptr<BackgroundTaskInstance> task,
@@ -153,11 +148,10 @@ private:
         if (--ofClient_[gone.client] == 0) ofClient_.erase(gone.client);
         // Inside the lock: once the loop sees the count at zero, no thread
         // touches this object any more.
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
+        wake_.signal();
     }
 
-    const Posix::FileDescriptor wake_;
+    Posix::WakeUp wake_;
     mutable Platform::Mutex mutex_;
     std::map<std::uint64_t, Served> served_ QV_GUARDED_BY(mutex_);
     std::map<std::uint64_t, std::size_t> ofClient_ QV_GUARDED_BY(mutex_);

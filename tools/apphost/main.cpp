@@ -16,7 +16,7 @@
 #include "HostLog.h"
 #include "Platform/Activation/ApplicationData.h"
 #include "Platform/AppService/AppServiceBus.h"
-#include "Platform/AppService/RuntimeLog.h"
+#include "Platform/Foundation/Log.h"
 #include "Platform/Text/TextConversion.h"
 #include "Posix/DescriptorLimit.h"
 #include "PrivateRoot.h"

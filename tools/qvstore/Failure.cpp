@@ -6,10 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 
+#include "Platform/AppService/AppServiceBus.h"
 #include "Posix/FileDescriptor.h"
 #include "Quorvendale/Client.hpp"
 
@@ -17,15 +17,10 @@ namespace Quorvendale::Qvstore {
 namespace {
 
 // Why no session bus answers at the address the library uses, if qvstore can
-// tell: the same address rule (DBUS_SESSION_BUS_ADDRESS, else
-// $XDG_RUNTIME_DIR/bus) and a connect to a Unix socket address.
+// tell: the library's own address rule and a connect to a Unix socket address.
 std::optional<std::string> missingSessionBus() {
-    std::string address;
-    if (const char* given = std::getenv("DBUS_SESSION_BUS_ADDRESS"); given && *given) {
-        address = given;
-    } else if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
-        address = std::string("unix:path=") + runtime + "/bus";
-    } else {
+    const std::string address = Platform::AppServiceBus::sessionBusAddress();
+    if (address.empty()) {
         return "no session bus: neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set";
     }
     const std::string first = address.substr(0, address.find(';'));

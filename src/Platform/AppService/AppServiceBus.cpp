@@ -4,7 +4,6 @@
 #include <systemd/sd-bus.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -13,16 +12,6 @@
 #include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform::AppServiceBus {
-
-std::string sessionBusAddress() {
-    if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) {
-        return address;
-    }
-    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
-        return std::string("unix:path=") + runtime + "/bus";
-    }
-    return {};
-}
 
 sd_bus* connect(const std::string& address) noexcept {
     sd_bus* bus = nullptr;

@@ -9,6 +9,7 @@
 // connectionLimitError while it serves all the connections it can.
 #pragma once
 
+#include <cstdlib>
 #include <string>
 
 #include "Platform/AppService/AppServiceConnectionStatus.h"
@@ -28,8 +29,18 @@ inline constexpr const char* connectionLimitError =
     "org.quorvendale.AppServiceHost.Error.ConnectionLimit";
 
 // The session bus's address: DBUS_SESSION_BUS_ADDRESS, else the socket
-// "bus" in XDG_RUNTIME_DIR; empty when neither is set.
-QV_PLATFORM_API std::string sessionBusAddress();
+// "bus" in XDG_RUNTIME_DIR; empty when neither is set. Written here, whole,
+// so that a program that only loads the storage library (qvstore, telling
+// why no bus answers) applies the very rule the library does.
+inline std::string sessionBusAddress() {
+    if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) {
+        return address;
+    }
+    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
+        return std::string("unix:path=") + runtime + "/bus";
+    }
+    return {};
+}
 
 // A new bus-client connection to the address, started (its authentication
 // finishes with the first call), or null. Over a transport other than a

@@ -8,7 +8,7 @@
 #include "Platform/AppService/AppServiceStatistics.h"
 #include "Platform/AppService/ConnectionObject.h"
 #include "Platform/AppService/IncomingRequest.h"
-#include "Platform/AppService/RuntimeLog.h"
+#include "Platform/Foundation/Log.h"
 #include "Platform/Foundation/ThreadPool.h"
 
 namespace Quorvendale::Platform::Details {
@@ -19,19 +19,7 @@ std::uint64_t nextChannelId() {
     return ++last;
 }
 
-std::atomic<bool> runtimeLogEnabled{false};
-
 }  // namespace
-
-// One write, so that lines of several threads never interleave.
-void logLine(const std::string& text) noexcept {
-    if (!runtimeLogEnabled.load(std::memory_order_relaxed)) return;
-    try {
-        const std::string line = std::string(program_invocation_short_name) + ": " + text + "\n";
-        [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
-    } catch (...) {
-    }
-}
 
 AppServiceChannel::AppServiceChannel(std::shared_ptr<ChannelLoop> loop,
                                      Posix::FileDescriptor socket,
@@ -143,7 +131,7 @@ void AppServiceChannel::cutOffIfLate(std::chrono::steady_clock::duration wanted)
 }
 
 void AppServiceChannel::cutOff(const std::string& why) {
-    logLine(why);
+    logLine(LogLevel::Warning, why);
     AppServiceStatistics::peerCutOff();
     close(EndedBy::Runtime);
 }
@@ -278,16 +266,12 @@ void AppServiceChannel::raise(const std::shared_ptr<IncomingRequest>& request) {
             owner->requestReceived(AppServiceConnection(owner),
                                    AppServiceRequestReceivedEventArgs(request));
         } catch (const std::exception& error) {
-            logLine(std::string("a request's handler failed: ") + error.what());
+            logLine(LogLevel::Failure, std::string("a request's handler failed: ") + error.what());
         } catch (...) {
-            logLine("a request's handler failed with an exception of unknown type");
+            logLine(LogLevel::Failure, "a request's handler failed with an exception of unknown type");
         }
     }
     request->release();
 }
 
 }  // namespace Quorvendale::Platform::Details
-
-void Quorvendale::Platform::enableRuntimeLog() noexcept {
-    Details::runtimeLogEnabled.store(true, std::memory_order_relaxed);
-}

@@ -1,7 +1,6 @@
 #include "Platform/AppService/ChannelLoop.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 
 #include <cstring>
 #include <functional>
@@ -9,7 +8,7 @@
 
 #include "Platform/AppService/AppServiceChannel.h"
 #include "Platform/AppService/IncomingRequest.h"
-#include "Platform/AppService/RuntimeLog.h"
+#include "Platform/Foundation/Log.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Posix/SystemCall.h"
 
@@ -45,12 +44,11 @@ std::shared_ptr<ChannelLoop> ChannelLoop::start(Settings settings) {
 ChannelLoop::ChannelLoop(Settings settings)
     : memory_(settings.memory),
       scheduler_(settings.runningPerClient, memory_),
-      epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
-      wake_(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {
+      epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = wakeEvent;
-    checked(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event), "epoll_ctl");
+    checked(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.descriptor(), &event), "epoll_ctl");
 }
 
 ChannelLoop::~ChannelLoop() = default;
@@ -60,7 +58,7 @@ void ChannelLoop::stop() {
         MutexLock lock(mutex_);
         stopping_ = true;
     }
-    wake();
+    wake_.signal();
     MutexLock lock(mutex_);
     while (running_) stopped_.wait(lock.forWaiting());
 }
@@ -70,7 +68,7 @@ void ChannelLoop::watch(const std::shared_ptr<AppServiceChannel>& channel) {
         MutexLock lock(mutex_);
         added_.push_back(channel);
     }
-    wake();
+    wake_.signal();
 }
 
 void ChannelLoop::lookAgain(ChannelId channel) {
@@ -78,7 +76,7 @@ void ChannelLoop::lookAgain(ChannelId channel) {
         MutexLock lock(mutex_);
         changed_.push_back(channel);
     }
-    wake();
+    wake_.signal();
 }
 
 void ChannelLoop::memoryCameBack() {
@@ -86,12 +84,7 @@ void ChannelLoop::memoryCameBack() {
         MutexLock lock(mutex_);
         memoryCameBack_ = true;
     }
-    wake();
-}
-
-void ChannelLoop::wake() noexcept {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
+    wake_.signal();
 }
 
 bool ChannelLoop::onTurnThread() const {
@@ -170,8 +163,7 @@ bool ChannelLoop::turnOnce() {
     });
     for (int i = 0; i < ready; ++i) {
         if (events[i].data.u64 == wakeEvent) {
-            std::uint64_t count = 0;
-            [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
+            wake_.drain();
         } else {
             this->ready(events[i].data.u64, events[i].events);
         }
@@ -246,7 +238,8 @@ void ChannelLoop::update(ChannelId id) {
     }
     watched.events = events;
     if (failed != 0) {
-        logLine(std::string("closing an app-service connection the loop cannot watch: ") +
+        logLine(LogLevel::Failure,
+                std::string("closing an app-service connection the loop cannot watch: ") +
                 std::strerror(errno));
         channel.close(AppServiceChannel::EndedBy::Runtime);
     }
@@ -262,7 +255,8 @@ void ChannelLoop::ready(ChannelId id, std::uint32_t events) {
         doing = "receiving from";
         if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->receive();
     } catch (const std::exception& error) {
-        logLine(std::string("closing an app-service connection after an error ") + doing +
+        logLine(LogLevel::Failure,
+                std::string("closing an app-service connection after an error ") + doing +
                 " it: " + error.what());
         channel->close(AppServiceChannel::EndedBy::Runtime);
     }

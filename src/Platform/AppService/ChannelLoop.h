@@ -30,6 +30,7 @@
 #include "Platform/AppService/RequestScheduler.h"
 #include "Platform/Foundation/Mutex.h"
 #include "Posix/FileDescriptor.h"
+#include "Posix/WakeUp.h"
 
 namespace Quorvendale::Platform::Details {
 
@@ -104,12 +105,11 @@ private:
     void resumeWaitingForMemory() QV_REQUIRES(turn);
     void cutOffLatePeers(std::chrono::steady_clock::duration wanted) QV_REQUIRES(turn);
     void serveOne();
-    void wake() noexcept;
 
     MemoryBudget memory_;
     RequestScheduler scheduler_;
     const Posix::FileDescriptor epoll_;
-    const Posix::FileDescriptor wake_;
+    Posix::WakeUp wake_;
 
     Mutex mutex_;
     std::vector<std::shared_ptr<AppServiceChannel>> added_ QV_GUARDED_BY(mutex_);

@@ -13,14 +13,12 @@ AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
     return AppServiceResponseStatus::Success;
 }
 
-void IncomingRequest::hold() {
-    MutexLock lock(mutex_);
-    ++holds_;
-}
+void IncomingRequest::hold() { holds_.take(); }
 
 void IncomingRequest::release() {
+    if (!holds_.drop()) return;
     MutexLock lock(mutex_);
-    if (--holds_ > 0 || answered_) return;
+    if (answered_) return;
     // Nobody will answer any more: tell the requester rather than leave it waiting.
     answered_ = true;
     auto frame =

@@ -4,12 +4,13 @@
 #include <memory>
 
 #include "Platform/AppService/AppServiceChannel.h"
+#include "Platform/Foundation/HoldCount.h"
 #include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform::Details {
 
 // A request received from the peer, open while its handlers run and while a
-// deferral on it is outstanding. Holds counts both. The memory its frame
+// deferral on it is outstanding. The handlers hold it, and each deferral. The memory its frame
 // took stays taken from its client's share until the request goes.
 struct IncomingRequest {
     IncomingRequest(std::shared_ptr<AppServiceChannel> from, std::uint64_t id, ValueSet received,
@@ -35,10 +36,10 @@ struct IncomingRequest {
     const std::size_t held;
 
 private:
+    HoldCount holds_;  // the handlers' own, dropped when they return
     // Held while the answer or the refusal is written, so that only one of
     // them leaves: taken before the channel's write lock, never after it.
     Mutex mutex_;
-    unsigned holds_ QV_GUARDED_BY(mutex_) = 1;  // the handlers' own, dropped when they return
     bool answered_ QV_GUARDED_BY(mutex_) = false;
 };
 

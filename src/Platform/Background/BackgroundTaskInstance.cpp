@@ -21,12 +21,9 @@ hstring BackgroundTaskInstance::GetRuntimeClassName() const {
 }
 
 BackgroundTaskDeferral BackgroundTaskInstance::GetDeferral() {
-    {
-        MutexLock lock(mutex_);
-        ++holds_;
-    }
+    holds_.take();
     return BackgroundTaskDeferral(
-        [self = com_ptr<BackgroundTaskInstance>(this)] { self->release(); });
+        [self = com_ptr<BackgroundTaskInstance>(this)] { self->dropHold(); });
 }
 
 event_token BackgroundTaskInstance::Canceled(BackgroundTaskCanceledEventHandler handler) {
@@ -38,7 +35,7 @@ com_ptr<IInspectable> BackgroundTaskInstance::TriggerDetails() const { return tr
 void BackgroundTaskInstance::run(IBackgroundTask& task) {
     struct DropRunHold {
         BackgroundTaskInstance* instance;
-        ~DropRunHold() { instance->release(); }
+        ~DropRunHold() { instance->dropHold(); }
     } dropRunHold{this};
     task.Run(com_ptr<IBackgroundTaskInstance>(this));
 }
@@ -55,12 +52,8 @@ void BackgroundTaskInstance::Cancel(BackgroundTaskCancellationReason reason) {
     });
 }
 
-void BackgroundTaskInstance::release() {
-    {
-        MutexLock lock(mutex_);
-        if (--holds_ > 0) return;
-    }
-    ended_.Complete(true);
+void BackgroundTaskInstance::dropHold() {
+    if (holds_.drop()) ended_.Complete(true);
 }
 
 }  // namespace Quorvendale::Platform

@@ -11,6 +11,7 @@
 #include "Platform/AppService/AppServiceTriggerDetails.h"
 #include "Platform/Background/IBackgroundTask.h"
 #include "Platform/Foundation/AsyncCompletion.h"
+#include "Platform/Foundation/HoldCount.h"
 #include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
@@ -32,12 +33,12 @@ public:
 
 private:
     explicit BackgroundTaskInstance(com_ptr<IInspectable> triggerDetails);
-    void release();
+    void dropHold();
 
     const com_ptr<IInspectable> triggerDetails_;
     event<const com_ptr<IBackgroundTaskInstance>&, BackgroundTaskCancellationReason> canceled_;
+    HoldCount holds_;  // Run's own, dropped when it returns
     Mutex mutex_;
-    unsigned holds_ QV_GUARDED_BY(mutex_) = 1;  // Run's own, dropped when it returns
     bool cancelRaised_ QV_GUARDED_BY(mutex_) = false;
     AsyncCompletion<bool> ended_;
 };

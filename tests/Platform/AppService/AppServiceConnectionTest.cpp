@@ -6,7 +6,7 @@
 
 #include "Platform/AppService/AppServiceConnection.h"
 #include "Platform/AppService/AppServiceFrame.h"
-#include "Platform/AppService/RuntimeLog.h"
+#include "Platform/Foundation/Log.h"
 #include "Platform/Foundation/ThreadPool.h"
 #include "Support/Waiting.h"
 

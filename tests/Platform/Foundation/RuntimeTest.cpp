@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <atomic>
 #include <thread>
@@ -7,6 +8,7 @@
 #include "Platform/Foundation/AsyncCompletion.h"
 #include "Platform/Foundation/ValueSet.h"
 #include "Platform/Foundation/event.h"
+#include "Posix/WakeUp.h"
 #include "Quorvendale/InterfaceContract.h"
 #include "Support/Waiting.h"
 
@@ -111,6 +113,17 @@ TEST(AsyncOperation, EndsOnceAndTellsHow) {
     EXPECT_EQ(waited.operation().GetResults(), 7);
     waited.operation().Completed([&](auto&, AsyncStatus) { calls += 10; });
     EXPECT_EQ(calls, 12);
+}
+
+// Signals before a drain are one wake-up.
+TEST(WakeUp, ReadableFromTheFirstSignalUntilTheDrain) {
+    Posix::WakeUp wakeUp;
+    pollfd watched{wakeUp.descriptor(), POLLIN, 0};
+    wakeUp.signal();
+    wakeUp.signal();
+    EXPECT_EQ(::poll(&watched, 1, 0), 1);
+    wakeUp.drain();
+    EXPECT_EQ(::poll(&watched, 1, 0), 0);
 }
 
 TEST(Event, TokensRemoveTheirOwnHandlerAndAThrowingHandlerStopsNoOther) {
