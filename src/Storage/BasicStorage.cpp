@@ -1,6 +1,7 @@
 #include "Storage/BasicStorage.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -62,6 +63,18 @@ std::u16string BasicStorage::entryPath(std::u16string folder, std::string_view k
         appendUtf16(folder, key);
     }
     return folder;
+}
+
+std::uint64_t BasicStorage::sizeOf(std::string_view group, std::string_view key) noexcept {
+    try {
+        std::u16string folder = groupFolder(group);
+        if (key == defaultKey && !FileSystem::exists(folder + defaultFileName)) return 0;
+        std::error_code failed;
+        const auto size = std::filesystem::file_size(entryPath(std::move(folder), key), failed);
+        return failed ? 0 : size;
+    } catch (...) {
+        return 0;
+    }
 }
 
 std::string BasicStorage::readFile(const std::u16string& path) {

@@ -72,6 +72,10 @@ public:
     // The entry file's path, the key "default" resolved through ".default";
     // makes the group's folder first, as the operations do.
     std::u16string getFilePath(std::string_view group, std::string_view key);
+    // The size of the entry's value as read() would give it, 0 when there is
+    // none; nothing is made or read but the alias. For the service to admit
+    // a read before it holds the value.
+    std::uint64_t sizeOf(std::string_view group, std::string_view key) noexcept;
     // A file's whole content; fails with the read error when the file's
     // status cannot be taken.
     std::string readFile(const std::u16string& path);

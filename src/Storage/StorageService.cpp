@@ -69,6 +69,39 @@ std::string_view countedCommand(const ValueSet& message) {
     return "other";
 }
 
+// What answering the request holds beyond its message: a read holds its
+// value about three times at once (the file's bytes, the answer's text, the
+// frame it leaves in), and is let start only when that fits its client's
+// share; everything else is small.
+std::uint64_t memoryToAnswer(const ValueSet& message) {
+    try {
+        if (!message.HasKey(u"command") ||
+            unbox_value<hstring>(message.Lookup(u"command")) != u"read") {
+            return 0;
+        }
+        return 3 * UwpStorage::instance().sizeOf(text(message, u"group"), text(message, u"key"));
+    } catch (...) {
+        return 0;  // the request fails on its own, holding nothing
+    }
+}
+
+void answer(const AppServiceRequest& request, const AppServiceDeferral& deferral) {
+    ValueSet reply;
+    bool failed = true;
+    try {
+        execute(request.Message(), reply);
+        failed = unbox_value<hstring>(reply.Lookup(u"status")) != u"success";
+    } catch (const std::exception& error) {
+        setResponse(reply, u"failed", error.what());
+    } catch (...) {
+        // Platform errors (a missing or non-string entry among them) are not
+        // standard exceptions and carry no text the client should see.
+        setResponse(reply, u"failed", "Unknown exception");
+    }
+    AppServiceStatistics::request(countedCommand(request.Message()), failed);
+    request.SendResponseAsync(reply).Completed([deferral](auto&, auto) { deferral.Complete(); });
+}
+
 }  // namespace
 
 hstring StorageService::GetRuntimeClassName() const {
@@ -96,20 +129,8 @@ void StorageService::onRequestReceived(const AppServiceConnection&,
                                        const AppServiceRequestReceivedEventArgs& args) {
     const AppServiceDeferral deferral = args.GetDeferral();
     const AppServiceRequest request = args.Request();
-    ValueSet reply;
-    bool failed = true;
-    try {
-        execute(request.Message(), reply);
-        failed = unbox_value<hstring>(reply.Lookup(u"status")) != u"success";
-    } catch (const std::exception& error) {
-        setResponse(reply, u"failed", error.what());
-    } catch (...) {
-        // Platform errors (a missing or non-string entry among them) are not
-        // standard exceptions and carry no text the client should see.
-        setResponse(reply, u"failed", "Unknown exception");
-    }
-    AppServiceStatistics::request(countedCommand(request.Message()), failed);
-    request.SendResponseAsync(reply).Completed([deferral](auto&, auto) { deferral.Complete(); });
+    request.WhenMemoryFits(memoryToAnswer(request.Message()),
+                           [request, deferral] { answer(request, deferral); });
 }
 
 }  // namespace Quorvendale::Storage

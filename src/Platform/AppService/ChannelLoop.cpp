@@ -42,7 +42,8 @@ std::shared_ptr<ChannelLoop> ChannelLoop::start(Settings settings) {
 }
 
 ChannelLoop::ChannelLoop(Settings settings)
-    : memory_(settings.memory),
+    : settingsShare_(settings.memory.clientShare),
+      memory_(settings.memory),
       scheduler_(settings.runningPerClient, memory_),
       epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
     epoll_event event{};
@@ -89,6 +90,49 @@ void ChannelLoop::memoryCameBack() {
 
 bool ChannelLoop::onTurnThread() const {
     return turnThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+bool ChannelLoop::tryAdmit(Admission& admission) {
+    if (!memory_.tryTake(admission.request->client, admission.bytes)) return false;
+    admission.request->admitted += admission.bytes;
+    return true;
+}
+
+void ChannelLoop::admit(const std::shared_ptr<IncomingRequest>& request, std::size_t bytes,
+                        std::function<void()> then) {
+    Admission admission{request, std::min(bytes, settingsShare_), std::move(then)};
+    if (admission.bytes == 0 || tryAdmit(admission)) {
+        admission.then();
+        return;
+    }
+    {
+        MutexLock lock(mutex_);
+        admissions_.push_back(std::move(admission));
+        // A refusal is reported to whoever gives memory back next; should
+        // that have happened between the try and now, look at once.
+        memoryCameBack_ = true;
+    }
+    wake_.signal();
+}
+
+// Admissions in the order they came, each once memory is back for it.
+void ChannelLoop::retryAdmissions() {
+    std::vector<Admission> waiting;
+    {
+        MutexLock lock(mutex_);
+        waiting.swap(admissions_);
+    }
+    std::vector<Admission> still;
+    for (Admission& admission : waiting) {
+        if (tryAdmit(admission)) {
+            giveWork(std::move(admission.then));
+        } else {
+            still.push_back(std::move(admission));
+        }
+    }
+    MutexLock lock(mutex_);
+    admissions_.insert(admissions_.begin(), std::make_move_iterator(still.begin()),
+                       std::make_move_iterator(still.end()));
 }
 
 void ChannelLoop::giveJobs(std::size_t jobs) {
@@ -201,6 +245,7 @@ void ChannelLoop::takePosted() {
     }
     for (const ChannelId id : changed) update(id);
     if (memoryCameBack) {
+        retryAdmissions();
         resumeWaitingForMemory();
         giveJobs(scheduler_.resume());
     }

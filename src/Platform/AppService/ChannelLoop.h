@@ -35,6 +35,7 @@
 namespace Quorvendale::Platform::Details {
 
 class AppServiceChannel;
+struct IncomingRequest;
 
 // Held by the thread running the loop's turn; not a lock (one thread at a
 // time runs the turn by construction), but the analysis checks that only
@@ -83,12 +84,23 @@ public:
     void giveJobs(std::size_t jobs);
     void giveWork(std::function<void()> work);
 
+    // Any thread: runs `then` once the bytes fit in the share of the
+    // request's client, counted as the request's own (at once, or from a
+    // later turn on the pool).
+    void admit(const std::shared_ptr<IncomingRequest>& request, std::size_t bytes,
+               std::function<void()> then);
+
     MemoryBudget& memory() noexcept { return memory_; }
     RequestScheduler& scheduler() noexcept { return scheduler_; }
 
     LoopTurn turn;
 
 private:
+    struct Admission {
+        std::shared_ptr<IncomingRequest> request;
+        std::size_t bytes;
+        std::function<void()> then;
+    };
     struct Watched {
         std::shared_ptr<AppServiceChannel> channel;
         std::uint32_t events = 0;  // what epoll watches for; none: not in epoll
@@ -103,9 +115,12 @@ private:
     void update(ChannelId id) QV_REQUIRES(turn);
     void ready(ChannelId id, std::uint32_t events) QV_REQUIRES(turn);
     void resumeWaitingForMemory() QV_REQUIRES(turn);
+    void retryAdmissions() QV_REQUIRES(turn);
+    bool tryAdmit(Admission& admission);
     void cutOffLatePeers(std::chrono::steady_clock::duration wanted) QV_REQUIRES(turn);
     void serveOne();
 
+    const std::size_t settingsShare_;
     MemoryBudget memory_;
     RequestScheduler scheduler_;
     const Posix::FileDescriptor epoll_;
@@ -115,6 +130,7 @@ private:
     std::vector<std::shared_ptr<AppServiceChannel>> added_ QV_GUARDED_BY(mutex_);
     std::vector<ChannelId> changed_ QV_GUARDED_BY(mutex_);
     bool memoryCameBack_ QV_GUARDED_BY(mutex_) = false;
+    std::vector<Admission> admissions_ QV_GUARDED_BY(mutex_);
     bool stopping_ QV_GUARDED_BY(mutex_) = false;
     bool running_ QV_GUARDED_BY(mutex_) = false;  // a thread runs the loop
     std::condition_variable stopped_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -20,7 +21,7 @@ struct IncomingRequest {
           requestId(id),
           message(std::move(received)),
           held(heldBytes) {}
-    ~IncomingRequest() { channel->giveBack(held); }
+    ~IncomingRequest() { channel->giveBack(held + admitted); }
     IncomingRequest(const IncomingRequest&) = delete;
     IncomingRequest& operator=(const IncomingRequest&) = delete;
 
@@ -34,6 +35,8 @@ struct IncomingRequest {
     const std::uint64_t requestId;
     const ValueSet message;
     const std::size_t held;
+    // What its service was let hold for it besides (ChannelLoop::admit).
+    std::atomic<std::size_t> admitted{0};
 
 private:
     HoldCount holds_;  // the handlers' own, dropped when they return

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
+#include <exception>
+#include <string>
 #include <thread>
 
+#include "Platform/Foundation/Log.h"
 #include "Platform/Foundation/Mutex.h"
 
 namespace Quorvendale::Platform {
@@ -57,10 +60,15 @@ private:
             auto job = std::move(jobs_.front());
             jobs_.pop_front();
             lock.unlock();
+            // A runtime thread outlives whatever one job did wrong, and says so.
             try {
                 job();
+            } catch (const std::exception& error) {
+                logLine(LogLevel::Failure, std::string("a job of the runtime's pool failed: ") +
+                                               error.what());
             } catch (...) {
-                // A runtime thread outlives whatever one handler did wrong.
+                logLine(LogLevel::Failure,
+                        "a job of the runtime's pool failed with an exception of unknown type");
             }
             job = nullptr;  // the job's captures die outside the lock
             lock.lock();

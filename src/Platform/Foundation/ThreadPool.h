@@ -13,7 +13,8 @@ namespace Quorvendale::Platform {
 
 class QV_PLATFORM_API ThreadPool {
 public:
-    // Queues a job. Jobs must not throw; an escaping exception is dropped.
+    // Queues a job. Jobs must not throw; an escaping exception is written to
+    // the runtime's log, and the thread goes on.
     static void submit(std::function<void()> job);
     // Gives the job to a thread that is idle now, ahead of queued jobs; false,
     // and the job not taken, when every thread is busy.
