@@ -106,7 +106,7 @@ void AppServiceChannel::afterSending(const FrameSender::Sent& sent) {
 
 AppServiceChannel::Interest AppServiceChannel::interest() const {
     if (ended()) return {.ended = true};
-    return {.read = mayReceive() && !receiver_.waitingForMemory(), .write = sender_.waiting()};
+    return {.read = mayReceive() && !receiver_.waitingForMemory(), .write = sender_.hasUnsent()};
 }
 
 // Whether the channel reads from its peer, memory aside.
@@ -271,7 +271,7 @@ void AppServiceChannel::raise(const std::shared_ptr<IncomingRequest>& request) {
             logLine(LogLevel::Failure, "a request's handler failed with an exception of unknown type");
         }
     }
-    request->release();
+    request->dropHold();
 }
 
 }  // namespace Quorvendale::Platform::Details

@@ -8,13 +8,13 @@ namespace Quorvendale::Platform {
 
 struct AppServiceDeferral::State {
     explicit State(std::shared_ptr<Details::IncomingRequest> held) : request(std::move(held)) {
-        request->hold();
+        request->takeHold();
     }
     // A deferral dropped without Complete (its handler failed) still lets the
     // request go, so that the requester is not left waiting.
     ~State() { complete(); }
     void complete() {
-        if (!completed.exchange(true)) request->release();
+        if (!completed.exchange(true)) request->dropHold();
     }
     std::shared_ptr<Details::IncomingRequest> request;
     std::atomic<bool> completed{false};

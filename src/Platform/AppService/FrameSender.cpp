@@ -110,7 +110,7 @@ bool FrameSender::dropQueue() {
     return memory_.giveBack(client_, std::exchange(queuedBytes_, 0));
 }
 
-bool FrameSender::waiting() const {
+bool FrameSender::hasUnsent() const {
     MutexLock lock(mutex_);
     return !queue_.empty() && !sending_ && !stopped_;
 }

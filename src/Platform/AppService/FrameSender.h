@@ -42,7 +42,7 @@ public:
     // True when the memory it gives back was wanted.
     bool stop();
 
-    bool waiting() const;  // frames wait for room in the socket, and nobody sends them
+    bool hasUnsent() const;  // frames wait for room in the socket, and nobody sends them
     // True when the frame at the front has waited past its deadline.
     bool late(std::chrono::steady_clock::time_point now) const;
     std::size_t queuedBytes() const;

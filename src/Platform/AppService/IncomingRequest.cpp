@@ -13,9 +13,9 @@ AppServiceResponseStatus IncomingRequest::respond(const ValueSet& response) {
     return AppServiceResponseStatus::Success;
 }
 
-void IncomingRequest::hold() { holds_.take(); }
+void IncomingRequest::takeHold() { holds_.take(); }
 
-void IncomingRequest::release() {
+void IncomingRequest::dropHold() {
     if (!holds_.drop()) return;
     MutexLock lock(mutex_);
     if (answered_) return;

@@ -26,9 +26,9 @@ struct IncomingRequest {
     IncomingRequest& operator=(const IncomingRequest&) = delete;
 
     AppServiceResponseStatus respond(const ValueSet& response);
-    void hold();
+    void takeHold();
     // Drops one hold; the last one refuses the request if it was never answered.
-    void release();
+    void dropHold();
 
     const std::shared_ptr<AppServiceChannel> channel;
     const ClientId client;

@@ -31,8 +31,8 @@ std::size_t RequestScheduler::add(std::shared_ptr<IncomingRequest> request) {
     Connection& connection = connections_[request->channel->id()];
     ++connection.inFlight;
     Client& client = clients_[id];
-    if (connection.waiting.empty()) client.connections.push_back(request->channel->id());
-    connection.waiting.push_back(std::move(request));
+    if (connection.queued.empty()) client.connections.push_back(request->channel->id());
+    connection.queued.push_back(std::move(request));
     return joinLine(id, client);
 }
 
@@ -53,10 +53,10 @@ std::shared_ptr<IncomingRequest> RequestScheduler::next(std::size_t& jobs) {
             const ChannelId channel = client.connections.front();
             client.connections.pop_front();
             const auto found = connections_.find(channel);
-            if (found == connections_.end() || found->second.waiting.empty()) continue;
-            request = std::move(found->second.waiting.front());
-            found->second.waiting.pop_front();
-            if (!found->second.waiting.empty()) client.connections.push_back(channel);
+            if (found == connections_.end() || found->second.queued.empty()) continue;
+            request = std::move(found->second.queued.front());
+            found->second.queued.pop_front();
+            if (!found->second.queued.empty()) client.connections.push_back(channel);
         }
         if (!request) {
             forgetIfIdle(id);
@@ -109,7 +109,7 @@ void RequestScheduler::drop(ChannelId channel) {
     MutexLock lock(mutex_);
     const auto found = connections_.find(channel);
     if (found == connections_.end()) return;
-    dropped.swap(found->second.waiting);
+    dropped.swap(found->second.queued);
     connections_.erase(found);
 }
 

@@ -64,7 +64,7 @@ public:
 
 private:
     struct Connection {
-        std::deque<std::shared_ptr<IncomingRequest>> waiting;
+        std::deque<std::shared_ptr<IncomingRequest>> queued;  // received, not started
         std::size_t inFlight = 0;
     };
     struct Client {
