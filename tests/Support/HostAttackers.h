@@ -92,6 +92,7 @@ struct Row {
     rlim_t hostDescriptors = 0;  // the host's descriptor limit, when lowered
     int keys = 0;                // in the group "attack", each of whose `next` lists them all
 };
+inline void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 // The attacks; `fewer` divides their connections, for a slow build. What they
 // ask for is in the group "attack": "small", "medium", whose answer is
