@@ -562,7 +562,10 @@ int run(const Options& options, pid_t& host) {
             const auto attacker =
                 Testing::Attackers::startAttacker(bus.address(), attack.attack, 60s);
             measure();
-            return std::string("a process of its own");
+            // A new client, as the attacker holds its ground.
+            const Opened fresh = openSockets(bus.address(), 1, 5s);
+            return fresh.sockets.empty() ? "a new client's Open failed: " + fresh.stopped
+                                         : std::string("a new client opens");
         }));
     }
     const double ratio = slow.attacked.at(0.99) / slow.idle.at(0.99);
@@ -572,10 +575,17 @@ int run(const Options& options, pid_t& host) {
     // a few hundred reads is one preemption by another process.
     Bench::reportRatio("AppServiceFairnessBench", "p99-beside-a-slow-reader",
                        slow.attacked.at(0.99) / std::max(slow.idle.at(0.99), 1.0), 3);
+    // A read that got no answer stands for the reads never made after it.
+    long peakKiB = 0;
     for (const Row& row : table) {
+        const double p99 =
+            row.attacked.timedOut ? row.attacked.sorted.back() : row.attacked.at(0.99);
         Bench::reportRatio("AppServiceFairnessBench", std::string("p99-beside-") + row.attacker,
-                           row.attacked.at(0.99) / std::max(row.idle.at(0.99), 1.0), 3);
+                           p99 / std::max(row.idle.at(0.99), 1.0), 3);
+        peakKiB = std::max(peakKiB, row.peak.rssKiB);
     }
+    std::printf("host's peak RSS beside the table's attacks: %ld MiB, ceiling 768 MiB: %s\n",
+                peakKiB / 1024, peakKiB <= 768 << 10 ? "met" : "missed");
     return 0;
 }
 
