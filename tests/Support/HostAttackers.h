@@ -71,12 +71,14 @@ inline Attack asking(std::size_t connections, int each, const char* command, con
 }
 
 // On each of `connections` sockets one of `lies` in turn, then, if
-// `trickling`, a byte a second more.
+// `trickling`, a byte a second more, in place once the host has had two
+// seconds to take what the sockets hold.
 inline Attack sending(std::size_t connections, std::vector<std::string> lies, bool trickling) {
     return [=](const std::string& bus, const Ready& ready, Clock::time_point until) {
         const Sockets sockets = connect(bus, connections, until);
         for (std::size_t i = 0; i < sockets.size(); ++i)
             sockets[i].sendBytes(lies[i % lies.size()]);
+        if (trickling) std::this_thread::sleep_for(std::chrono::seconds(2));
         ready();
         for (; trickling && Clock::now() < until;
              std::this_thread::sleep_for(std::chrono::seconds(1)))
