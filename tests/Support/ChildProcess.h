@@ -6,12 +6,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -58,6 +60,16 @@ public:
             ::posix_spawn(&pid_, argv[0], actions, &attributes, argv.data(), environment);
         posix_spawnattr_destroy(&attributes);
         if (failed != 0) throw std::runtime_error("cannot start " + arguments[0]);
+    }
+
+    // A fork of this process that runs `body` and ends, then or with this one.
+    explicit ChildProcess(const std::function<void()>& body) : pid_(::fork()) {
+        if (pid_ < 0) throw std::runtime_error("cannot fork");
+        ::setpgid(pid_, 0);  // on both sides, so that it holds before either goes on
+        if (pid_ > 0) return;
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        body();
+        ::_exit(0);
     }
 
     ~ChildProcess() {

@@ -21,18 +21,21 @@ namespace Quorvendale::Testing {
 
 class RawAppServiceClient {
 public:
-    RawAppServiceClient(const std::string& busAddress, const char* package, const char* appService) {
+    // On a bus connection of its own, or on `shared`, as one that opens many does.
+    RawAppServiceClient(const std::string& busAddress, const char* package, const char* appService,
+                        sd_bus* shared = nullptr) {
         namespace Bus = Platform::AppServiceBus;
-        sd_bus* bus = Bus::connect(busAddress);
+        sd_bus* bus = shared ? shared : Bus::connect(busAddress);
         sd_bus_message* reply = nullptr;
         int socket = -1;
-        if (bus && sd_bus_call_method(bus, package, Bus::objectPath, Bus::interfaceName,
-                                      Bus::openMethod, nullptr, &reply, "s", appService) >= 0 &&
+        if (bus &&
+            sd_bus_call_method(bus, package, Bus::objectPath, Bus::interfaceName, Bus::openMethod,
+                               nullptr, &reply, "s", appService) >= 0 &&
             sd_bus_message_read(reply, "h", &socket) >= 0) {
             socket_.reset(::fcntl(socket, F_DUPFD_CLOEXEC, 0));  // the reply owns its own
         }
         sd_bus_message_unref(reply);
-        sd_bus_flush_close_unref(bus);
+        if (!shared) sd_bus_flush_close_unref(bus);
         if (!socket_.valid()) throw std::runtime_error("the host did not open a socket");
     }
 

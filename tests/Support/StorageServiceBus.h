@@ -4,7 +4,10 @@
 // fixtures; the target defines QV_BUILD_SERVICE_FILE.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <fstream>
+#include <thread>
 
 #include "ServiceIdentity.h"
 #include "Support/PrivateBus.h"
@@ -56,6 +59,19 @@ protected:
             use.busyThreads += state != std::string::npos && stat.find_first_of("RD", state + 2) == state + 2;
         }
         return use;
+    }
+
+    // A second later, the host holds no more than at `start`: a few MiB (not
+    // measured in a `slowBuild`, which keeps freed memory), no thread at work
+    // (the trim may be), the idle threads of its pool (at most 8 a core, at
+    // least 16, the loop's, and one a sanitizer may run), two descriptors.
+    void expectBackWithinASecond(const Use& start, bool slowBuild) const {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const Use now = hostUse();
+        EXPECT_TRUE(slowBuild || now.residentKiB < start.residentKiB + 8 * 1024) << now.residentKiB;
+        EXPECT_LE(now.busyThreads, start.busyThreads + 1);
+        EXPECT_LE(now.threads, 3 + std::max(16u, 8 * std::thread::hardware_concurrency()));
+        EXPECT_LE(now.descriptors, start.descriptors + 2);
     }
 
     PackageFolder package_;

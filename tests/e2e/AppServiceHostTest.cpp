@@ -7,22 +7,16 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <systemd/sd-bus.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <set>
 #include <filesystem>
 #include <fstream>
 #include <latch>
-#include <map>
 #include <thread>
 
-#include "AppServiceHost.h"
-#include "Posix/DescriptorLimit.h"
 #include "ServiceIdentity.h"
-#include "Platform/AppService/AppServiceBus.h"
 #include "Platform/Foundation/PropertyValue.h"
 #include "Support/StorageServiceBus.h"
 #include "Support/RawAppServiceClient.h"
@@ -352,87 +346,6 @@ TEST_F(AppServiceHostTest, AHalfClosedPeerIsAnsweredEveryRequestItSent) {
     EXPECT_EQ(ask(connection, "read", "g", "b"), Reply("success", "half-closed"));
 }
 
-TEST_F(AppServiceHostTest, APeerThatStopsReadingIsCutOffWhileOthersAreServedAtOnce) {
-    startBus();
-    const AppServiceConnection normal = openStorage();
-    ASSERT_EQ(ask(normal, "write", "g", "large", std::string(128 << 10, 'x')), success);
-    // More reads of the large value than the host has threads, none read.
-    const Testing::RawAppServiceClient attacker(bus_->address(), storagePackage, storageAppService);
-    for (std::uint64_t id = 1; id <= 100; ++id) {
-        ASSERT_TRUE(attacker.sendRequest(id, request({{u"command", "read"}, {u"group", "g"},
-                                                      {u"key", "large"}})));
-    }
-    std::vector<double> milliseconds;
-    for (int i = 0; i < 200; ++i) {
-        const auto start = std::chrono::steady_clock::now();
-        const auto reply = await(normal.SendMessageAsync(ValueSet()), std::chrono::seconds(1));
-        milliseconds.push_back(std::chrono::duration<double, std::milli>(
-                                   std::chrono::steady_clock::now() - start).count());
-        ASSERT_EQ(Testing::replyOf(reply), success);
-    }
-    std::sort(milliseconds.begin(), milliseconds.end());
-    // Answers no thread waits for; what remains is the attacker's share of the CPU.
-    EXPECT_LT(milliseconds[197], QV_SANITIZED_BUILD ? 500.0 : 50.0) << "p50 " << milliseconds[100];
-
-    EXPECT_TRUE(eventually([&] { return bus_->log().find("stopped reading") != std::string::npos; }));
-    EXPECT_TRUE(attacker.hungUpWithin(std::chrono::seconds(2)));
-    EXPECT_EQ(counter(hostStatus(), "PeersCutOff"), 1u);
-}
-
-TEST_F(AppServiceHostTest, AFloodReadSlowlyIsAnsweredInFullEachAnswerToItsOwnRequest) {
-    startBus();
-    const Testing::RawAppServiceClient flood(bus_->address(), storagePackage, storageAppService);
-    constexpr std::uint64_t count = 3000;
-    std::thread sender([&] {
-        for (std::uint64_t id = 1; id <= count && flood.sendRequest(id, ValueSet());) ++id;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::vector<bool> answered(count + 1, false);
-    std::uint64_t received = 0;
-    for (; received < count; ++received) {
-        const auto frame = flood.receive(std::chrono::seconds(5));
-        if (!frame || frame->kind != AppServiceFrame::Kind::Response || frame->requestId > count ||
-            answered[frame->requestId]) {
-            break;
-        }
-        answered[frame->requestId] = true;
-        EXPECT_EQ(Testing::replyOf({AppServiceResponseStatus::Success, frame->message}), success);
-    }
-    EXPECT_EQ(received, count);
-    ::shutdown(flood.socket(), SHUT_RDWR);  // a sender the host stopped reading gives up
-    sender.join();
-}
-
-// Thousands held by this process, then the host's limit lowered to what it
-// serves: the next Open is refused with a status until one closes.
-// One process gets a quarter of what the host can serve, and a host at a
-// low descriptor limit keeps half of it for itself but still serves.
-TEST_F(AppServiceHostTest, OneClientGetsAQuarterOfTheConnectionsEvenAtALowDescriptorLimit) {
-    startBus();
-    const AppServiceConnection first = openStorage();
-    const pid_t served = host();
-    std::vector<Testing::RawAppServiceClient> held;
-    for (const rlim_t limit : {rlim_t{2 * 128 + 400}, rlim_t{64}}) {
-        held.clear();
-        ASSERT_TRUE(eventually([&] { return counter(hostStatus(), "Connections") == 1; }));
-        rlimit descriptors{};
-        ASSERT_EQ(::prlimit(served, RLIMIT_NOFILE, nullptr, &descriptors), 0);
-        descriptors.rlim_cur = limit;
-        ASSERT_EQ(::prlimit(served, RLIMIT_NOFILE, &descriptors, nullptr), 0);
-        const std::size_t share = (limit - std::min<rlim_t>(128, limit / 2)) / 4;
-        while (held.size() + 1 < share) {
-            held.emplace_back(bus_->address(), storagePackage, storageAppService);
-            ASSERT_TRUE(held.back().sendRequest(1, ValueSet()));
-            ASSERT_TRUE(held.back().receive(Testing::patience)) << held.size();
-        }
-        EXPECT_EQ(openStatus(storagePackage), Status::AppUnavailable) << limit;
-    }
-    EXPECT_EQ(counter(hostStatus(), "ConnectionsRefused"), 2u);
-    held.clear();
-    EXPECT_EQ(ask(first, ValueSet()), success);
-    EXPECT_EQ(host(), served);
-}
-
 TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingThere) {
     if (!landlockAvailable())
         GTEST_SKIP() << "no Landlock here (kernel or emulator): the host runs unconfined";
@@ -464,50 +377,6 @@ TEST_F(AppServiceHostTest, GroupsAndKeysThatClimbOutOfLocalStateTouchNothingTher
     EXPECT_FALSE(fs::exists(package_.base() / "made"));
     EXPECT_EQ(ask(connection, "write", "g", "k", "inside"), success);
     EXPECT_EQ(ask(connection, "write", "g/..", "k", "inside too"), success);
-}
-
-// Fifty liars at once, held open until the host has served another: each
-// is hung up on, and what they announced never becomes the host's memory.
-TEST_F(AppServiceHostTest, GarbageOnManySocketsEndsOnlyThoseConnections) {
-    startBus();
-    const AppServiceConnection connection = openStorage();
-    EXPECT_EQ(ask(connection, "write", "g", "k", "before"), success);
-    const long idle = hostUse().residentKiB;
-    // A whole frame of unknown kind: the host reads every byte of it before
-    // it hangs up, so the hang-up reads as an end, not a reset.
-    const std::string announces64MiB("\x00\x00\x00\x04", 4), lies[] = {
-        std::string("\x08\x00\x00\x00\x09garbage", 12),
-        std::string("\x01\x00\x00\x05", 4),  // over the limit
-        announces64MiB,                      // and sends nothing
-        announces64MiB + "only a little",
-        announces64MiB + std::string(64 << 10, 'x'),  // truncated; under what a socket buffers
-    };
-    std::vector<Testing::RawAppServiceClient> liars;
-    for (int i = 0; i < 50; ++i) {
-        liars.emplace_back(bus_->address(), storagePackage, storageAppService);
-        EXPECT_TRUE(liars.back().sendBytes(lies[i % std::size(lies)]));
-    }
-    EXPECT_EQ(ask(connection, "write", "g", "k", "during"), success);
-    // Ten frames of 64 MiB announced: a host that believed them would hold
-    // 640. Not measured where freed memory is kept (sanitizers, emulators).
-    EXPECT_TRUE(QV_SLOW_BUILD || hostUse().residentKiB < idle + 16 * 1024);
-    for (const auto& liar : liars) {
-        ::shutdown(liar.socket(), SHUT_WR);
-        EXPECT_TRUE(liar.hungUpWithin(std::chrono::seconds(5)));
-    }
-    EXPECT_TRUE(QV_SLOW_BUILD || eventually([&] { return hostUse().residentKiB < idle + 4 * 1024; },
-                                            std::chrono::seconds(3)));
-    sd_bus* bus = AppServiceBus::connect(bus_->address());
-    ASSERT_NE(bus, nullptr);
-    sd_bus_error error{};  // SD_BUS_ERROR_NULL, without its C compound literal
-    // An Open of the wrong shape is answered with an error, not a crash.
-    EXPECT_LT(sd_bus_call_method(bus, storagePackage, AppServiceBus::objectPath,
-                                 AppServiceBus::interfaceName, AppServiceBus::openMethod, &error,
-                                 nullptr, "u", 7u),
-              0);
-    sd_bus_error_free(&error);
-    sd_bus_flush_close_unref(bus);
-    EXPECT_EQ(ask(connection, "write", "g", "k", "still served"), success);
 }
 
 }  // namespace
