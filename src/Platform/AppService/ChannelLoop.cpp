@@ -100,6 +100,9 @@ bool ChannelLoop::tryAdmit(Admission& admission) {
 
 void ChannelLoop::admit(const std::shared_ptr<IncomingRequest>& request, std::size_t bytes,
                         std::function<void()> then) {
+    // The work of a connection that has ended is dropped (its deferral with
+    // it, which refuses the request): nobody would read the answer.
+    if (request->channel->ended()) return;
     Admission admission{request, std::min(bytes, settingsShare_), std::move(then)};
     if (admission.bytes == 0 || tryAdmit(admission)) {
         admission.then();
@@ -124,6 +127,7 @@ void ChannelLoop::retryAdmissions() {
     }
     std::vector<Admission> still;
     for (Admission& admission : waiting) {
+        if (admission.request->channel->ended()) continue;
         if (tryAdmit(admission)) {
             giveWork(std::move(admission.then));
         } else {
@@ -244,8 +248,9 @@ void ChannelLoop::takePosted() {
         update(channel->id());
     }
     for (const ChannelId id : changed) update(id);
+    // A channel that changed may have ended, and its admissions with it.
+    if (memoryCameBack || !changed.empty()) retryAdmissions();
     if (memoryCameBack) {
-        retryAdmissions();
         resumeWaitingForMemory();
         giveJobs(scheduler_.resume());
     }

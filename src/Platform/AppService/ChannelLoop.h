@@ -86,7 +86,7 @@ public:
 
     // Any thread: runs `then` once the bytes fit in the share of the
     // request's client, counted as the request's own (at once, or from a
-    // later turn on the pool).
+    // later turn on the pool); never, once the request's connection ends.
     void admit(const std::shared_ptr<IncomingRequest>& request, std::size_t bytes,
                std::function<void()> then);
 

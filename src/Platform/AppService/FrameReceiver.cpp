@@ -42,12 +42,14 @@ FrameReceiver::Result FrameReceiver::receiveLength(int socket) {
     return Result::Frame;
 }
 
-// Takes the memory for `step` more bytes, and room in the body for them.
+// Takes the memory for the whole body before its first byte is read (so
+// that frames half received never wait on each other for memory they all
+// hold), and room in the body for `step` more bytes. Only the count is
+// taken at once: the pages come as the bytes do.
 bool FrameReceiver::grow(std::size_t step) {
-    if (received_ + step > held_) {
-        const std::size_t more = received_ + step - held_;
-        if (!memory_.tryTake(client_, more)) return false;
-        held_ += more;
+    if (held_ < bodySize_) {
+        if (!memory_.tryTake(client_, bodySize_ - held_)) return false;
+        held_ = bodySize_;
     }
     if (received_ + step > capacity_) {
         // The peer has sent more than a slice: it means it, and the body

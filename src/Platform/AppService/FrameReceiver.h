@@ -1,8 +1,8 @@
 // FrameReceiver: the frame a connection is receiving, its length and then
 // its body, read a slice at a time on the loop's turn (it has no lock: only
-// the turn touches it). Its bytes are taken from the client's memory share
-// as they arrive; a client past its share is read no further until memory
-// comes back. The peer must keep a floor rate while a frame arrives: the
+// the turn touches it). The body's size is taken from the client's memory
+// share before its first byte is read; a client past its share is read no
+// further until memory comes back. The peer must keep a floor rate while a frame arrives: the
 // frame is cut off once the time the loop spent wanting its bytes passes
 // its deadline (a grace plus its size at the floor rate), so a peer that
 // trickles cannot hold its bytes for ever.
