@@ -104,7 +104,7 @@ void AppServiceChannel::afterSending(const FrameSender::Sent& sent) {
     if (lookAgain) loop_->lookAgain(id_);
 }
 
-AppServiceChannel::Interest AppServiceChannel::interest() const {
+AppServiceChannel::Interest AppServiceChannel::interest(const LoopTurn&) const {
     if (ended()) return {.ended = true};
     return {.read = mayReceive() && !receiver_.waitingForMemory(), .write = sender_.hasUnsent()};
 }
@@ -118,8 +118,9 @@ bool AppServiceChannel::mayReceive() const {
     return loop_->scheduler().mayReceive(id_);
 }
 
-void AppServiceChannel::cutOffIfLate(std::chrono::steady_clock::duration wanted) {
-    if (interest().read && receiver_.late(wanted)) {
+void AppServiceChannel::cutOffIfLate(const LoopTurn& turn,
+                                     std::chrono::steady_clock::duration wanted) {
+    if (interest(turn).read && receiver_.late(wanted)) {
         cutOff("closing an app-service connection whose peer stopped sending in the middle of "
                "a frame (slower than " + std::to_string(floorBytesPerSecond >> 10) + " KiB/s; " +
                std::to_string(receiver_.held() >> 10) + " KiB held for it)");
@@ -180,7 +181,7 @@ void AppServiceChannel::raiseEnd(EndedBy by) {
     ended_.clear();
 }
 
-void AppServiceChannel::receive() {
+void AppServiceChannel::receive(const LoopTurn&) {
     if (!mayReceive()) return;
     switch (receiver_.receive(socket_.get())) {
         case FrameReceiver::Result::Broken:
@@ -229,7 +230,7 @@ void AppServiceChannel::endOfStream() {
     }
 }
 
-void AppServiceChannel::forgetPartialFrame() {
+void AppServiceChannel::forgetPartialFrame(const LoopTurn&) {
     if (receiver_.forget()) loop_->memoryCameBack();
 }
 

@@ -58,18 +58,21 @@ public:
     int socket() const noexcept { return socket_.get(); }
     ChannelLoop& loop() const noexcept { return *loop_; }
 
-    // For the loop, on its turn.
-    Interest interest() const QV_REQUIRES(loop_->turn);
+    // For the loop, on its turn (the caller shows it holds it).
+    Interest interest(const LoopTurn& turn) const QV_REQUIRES(turn);
     // Receives what has arrived, up to one frame or a slice of a large one.
-    void receive() QV_REQUIRES(loop_->turn);
+    void receive(const LoopTurn& turn) QV_REQUIRES(turn);
     // Sends what the socket takes now.
     void flush();
     // Ends the connection if its peer has let a frame pass its deadline;
     // `wanted`: how long since the last look.
-    void cutOffIfLate(std::chrono::steady_clock::duration wanted) QV_REQUIRES(loop_->turn);
+    void cutOffIfLate(const LoopTurn& turn, std::chrono::steady_clock::duration wanted)
+        QV_REQUIRES(turn);
     // The loop is done with the channel: a frame partly received goes.
-    void forgetPartialFrame() QV_REQUIRES(loop_->turn);
-    bool waitingForMemory() const QV_REQUIRES(loop_->turn) { return receiver_.waitingForMemory(); }
+    void forgetPartialFrame(const LoopTurn& turn) QV_REQUIRES(turn);
+    bool waitingForMemory([[maybe_unused]] const LoopTurn& turn) const QV_REQUIRES(turn) {
+        return receiver_.waitingForMemory();
+    }
 
     // For a pool thread: raises RequestReceived for the request.
     void raise(const std::shared_ptr<IncomingRequest>& request);
@@ -80,7 +83,7 @@ private:
     bool mayReceive() const;
     void afterSending(const FrameSender::Sent& sent);
     void endOfStream();
-    void dispatch(AppServiceFrame&& frame, std::size_t held) QV_REQUIRES(loop_->turn);
+    void dispatch(AppServiceFrame&& frame, std::size_t held);
     void raiseEnd(EndedBy by);
     void cutOff(const std::string& why);
 
@@ -90,7 +93,7 @@ private:
     const ChannelId id_;
     const ClientId client_;
 
-    FrameReceiver receiver_ QV_GUARDED_BY(loop_->turn);
+    FrameReceiver receiver_;  // the loop's turn's alone
     FrameSender sender_;
     PendingAnswers pending_;
 

@@ -264,10 +264,10 @@ void ChannelLoop::update(ChannelId id) {
     if (found == watched_.end()) return;
     Watched& watched = found->second;
     AppServiceChannel& channel = *watched.channel;
-    const AppServiceChannel::Interest interest = channel.interest();
+    const AppServiceChannel::Interest interest = channel.interest(turn);
     if (interest.ended) {
         if (watched.events != 0) ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.socket(), nullptr);
-        channel.forgetPartialFrame();
+        channel.forgetPartialFrame(turn);
         watched_.erase(found);
         return;
     }
@@ -303,7 +303,7 @@ void ChannelLoop::ready(ChannelId id, std::uint32_t events) {
     try {
         if (events & EPOLLOUT) channel->flush();
         doing = "receiving from";
-        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->receive();
+        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) channel->receive(turn);
     } catch (const std::exception& error) {
         logLine(LogLevel::Failure,
                 std::string("closing an app-service connection after an error ") + doing +
@@ -316,7 +316,7 @@ void ChannelLoop::ready(ChannelId id, std::uint32_t events) {
 void ChannelLoop::resumeWaitingForMemory() {
     std::vector<ChannelId> waiting;
     for (const auto& [id, watched] : watched_) {
-        if (watched.channel->waitingForMemory()) waiting.push_back(id);
+        if (watched.channel->waitingForMemory(turn)) waiting.push_back(id);
     }
     for (const ChannelId id : waiting) ready(id, EPOLLIN);
 }
@@ -328,7 +328,7 @@ void ChannelLoop::cutOffLatePeers(std::chrono::steady_clock::duration wanted) {
     for (const ChannelId id : ids) {
         const auto found = watched_.find(id);
         if (found == watched_.end()) continue;
-        found->second.channel->cutOffIfLate(wanted);
+        found->second.channel->cutOffIfLate(turn, wanted);
         update(id);
     }
 }
@@ -339,7 +339,7 @@ void ChannelLoop::endEveryChannel() {
         if (watched.events != 0) {
             ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watched.channel->socket(), nullptr);
         }
-        watched.channel->forgetPartialFrame();
+        watched.channel->forgetPartialFrame(turn);
     }
     watched_.clear();
 }
