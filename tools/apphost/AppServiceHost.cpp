@@ -62,16 +62,23 @@ std::size_t clientConnectionLimit() {
     return std::max<std::size_t>(1, connectionCapacity() / AppServiceHost::clientConnectionShare);
 }
 
-// The process that called Open, as the bus knows it: the client whose
-// connections share one budget. 0 when the bus cannot say.
+// The process that called Open, as the bus daemon knows it: the client
+// whose connections share one budget. 0 when the bus cannot say. (The
+// daemon is asked, not the message's credentials: a host in a PID
+// namespace of its own sees no pid there, and sd-bus aborts on that.)
 std::uint64_t callerProcess(sd_bus_message* call) {
-    sd_bus_creds* creds = nullptr;
-    pid_t pid = 0;
-    if (sd_bus_query_sender_creds(call, SD_BUS_CREDS_PID, &creds) >= 0) {
-        if (sd_bus_creds_get_pid(creds, &pid) < 0) pid = 0;
+    sd_bus_message* reply = nullptr;
+    std::uint32_t pid = 0;
+    const char* sender = sd_bus_message_get_sender(call);
+    if (sender != nullptr &&
+        sd_bus_call_method(sd_bus_message_get_bus(call), "org.freedesktop.DBus",
+                           "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "GetConnectionUnixProcessID", nullptr, &reply, "s", sender) >= 0 &&
+        sd_bus_message_read(reply, "u", &pid) < 0) {
+        pid = 0;
     }
-    sd_bus_creds_unref(creds);
-    return static_cast<std::uint64_t>(pid);
+    sd_bus_message_unref(reply);
+    return pid;
 }
 
 }  // namespace
