@@ -271,21 +271,20 @@ void ChannelLoop::update(ChannelId id) {
         watched_.erase(found);
         return;
     }
-    const std::uint32_t events = (interest.read ? EPOLLIN : 0u) | (interest.write ? EPOLLOUT : 0u);
+    // A socket waited on for nothing (its channel at its limit of requests,
+    // or waiting for memory) is still watched for its peer's hang-up, once
+    // (edge-triggered): level-triggered, the hang-up would wake the loop
+    // without end; unwatched, a peer that dies while its client waits for
+    // memory would hold that memory for ever.
+    const std::uint32_t events = interest.read || interest.write
+                                     ? (interest.read ? EPOLLIN : 0u) | (interest.write ? EPOLLOUT : 0u)
+                                     : EPOLLRDHUP | EPOLLET;
     if (events == watched.events) return;
-    // A socket waited on for nothing is out of epoll: a hang-up, which epoll
-    // reports whatever it is asked, would otherwise wake the loop without end
-    // while the channel is at its limit of requests.
-    int failed = 0;
-    if (events == 0) {
-        failed = ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.socket(), nullptr);
-    } else {
-        epoll_event event{};
-        event.events = events;
-        event.data.u64 = id;
-        failed = ::epoll_ctl(epoll_.get(), watched.events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD,
-                             channel.socket(), &event);
-    }
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    const int failed = ::epoll_ctl(epoll_.get(), watched.events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD,
+                                   channel.socket(), &event);
     watched.events = events;
     if (failed != 0) {
         logLine(LogLevel::Failure,
@@ -299,6 +298,13 @@ void ChannelLoop::ready(ChannelId id, std::uint32_t events) {
     const auto found = watched_.find(id);
     if (found == watched_.end()) return;
     const std::shared_ptr<AppServiceChannel> channel = found->second.channel;
+    // Gone both ways while the channel read nothing: what it still holds
+    // for the peer could never reach it.
+    if ((events & EPOLLHUP) && !channel->interest(turn).read) {
+        channel->close(AppServiceChannel::EndedBy::Runtime);
+        update(id);
+        return;
+    }
     const char* doing = "sending to";
     try {
         if (events & EPOLLOUT) channel->flush();

@@ -11,6 +11,7 @@
 
 #include "Platform/AppService/AppServiceChannel.h"
 #include "Platform/AppService/AppServiceConnection.h"
+#include "Platform/AppService/AppServiceFrame.h"
 #include "Platform/AppService/IncomingRequest.h"
 #include "Support/Waiting.h"
 
@@ -119,23 +120,34 @@ TEST(ChannelLoop, EveryKindOfEndGivesAllMemoryBackAndDropsRequestsNotStarted) {
     ASSERT_TRUE(eventually([&] { return memory.heldFor(7) >= 100 * KiB; }));
     ::close(halfFramePeer);
 
-    auto [service, client] = loop.pair(8);
+    int peer = -1;  // reads nothing
+    const AppServiceConnection service = loop.serve(8, peer);
     std::binary_semaphore release(0);
     std::atomic<int> requests{0};
+    std::atomic<bool> ended{false};
+    service.ServiceClosed([&](auto&, auto&) { ended = true; });
     service.RequestReceived([&](auto&, const AppServiceRequestReceivedEventArgs& args) {
         if (++requests > 2) return;
         if (args.Request().Message().HasKey(u"data")) {
-            args.Request().SendResponseAsync(carrying(4 << 20));  // never read
+            args.Request().SendResponseAsync(carrying(4 << 20));
         } else {
             release.acquire();  // a request in service when the connection goes
         }
     });
-    client.SendMessageAsync(carrying(KiB));
-    client.SendMessageAsync(ValueSet());
-    client.SendMessageAsync(ValueSet());
+    for (std::uint64_t id = 1; id <= 3; ++id) {
+        const EncodedFrame frame =
+            *AppServiceFrame{AppServiceFrame::Kind::Request, id, id == 1 ? carrying(KiB) : ValueSet()}
+                 .encode();
+        for (std::size_t at = 0; at < frame.size();) {
+            const std::string_view piece = frame.piece(at);
+            ASSERT_EQ(::write(peer, piece.data(), piece.size()), ssize_t(piece.size()));
+            at += piece.size();
+        }
+    }
     ASSERT_TRUE(eventually([&] { return memory.heldFor(8) >= 3 << 20 && requests == 2; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the third arrives, and waits
-    client.Close();
+    ::close(peer);
+    ASSERT_TRUE(eventually([&] { return ended.load(); }));
     release.release();
     EXPECT_TRUE(eventually([&] { return memory.held() == 0; })) << memory.held();
     EXPECT_EQ(requests, 2);
