@@ -209,11 +209,16 @@ TEST(ChannelLoop, APeerSlowerThanTheFloorRateEitherWayIsCutOffAtItsFramesDeadlin
 TEST(ChannelLoop, ABlockedCompletionHandlerAndChannelsDroppedElsewhereStallNothing) {
     const Loop loop;
     auto [service, client] = loop.pair(1);
-    service.RequestReceived([](auto&, const AppServiceRequestReceivedEventArgs& args) {
-        args.Request().SendResponseAsync(args.Request().Message());
+    // The first answer waits until its handler is registered, so that the
+    // handler runs where answers are delivered, not at once on this thread.
+    std::binary_semaphore registered(0);
+    service.RequestReceived([&](auto&, const AppServiceRequestReceivedEventArgs& args) {
+        if (args.Request().Message().HasKey(u"data")) registered.acquire();
+        args.Request().SendResponseAsync(ValueSet());
     });
     std::binary_semaphore unblock(0);
-    client.SendMessageAsync(ValueSet()).Completed([&](auto&, auto) { unblock.acquire(); });
+    client.SendMessageAsync(carrying(2)).Completed([&](auto&, auto) { unblock.acquire(); });
+    registered.release();
     std::vector<std::thread> droppers;
     for (int thread = 0; thread < 4; ++thread) {
         droppers.emplace_back([&] {
