@@ -42,8 +42,7 @@ std::shared_ptr<ChannelLoop> ChannelLoop::start(Settings settings) {
 }
 
 ChannelLoop::ChannelLoop(Settings settings)
-    : settingsShare_(settings.memory.clientShare),
-      memory_(settings.memory),
+    : memory_(settings.memory),
       scheduler_(settings.runningPerClient, memory_),
       epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
     epoll_event event{};
@@ -103,7 +102,7 @@ void ChannelLoop::admit(const std::shared_ptr<IncomingRequest>& request, std::si
     // The work of a connection that has ended is dropped (its deferral with
     // it, which refuses the request): nobody would read the answer.
     if (request->channel->ended()) return;
-    Admission admission{request, std::min(bytes, settingsShare_), std::move(then)};
+    Admission admission{request, std::min(bytes, memory_.clientShare()), std::move(then)};
     if (admission.bytes == 0 || tryAdmit(admission)) {
         admission.then();
         return;

@@ -120,7 +120,6 @@ private:
     void cutOffLatePeers(std::chrono::steady_clock::duration wanted) QV_REQUIRES(turn);
     void serveOne();
 
-    const std::size_t settingsShare_;
     MemoryBudget memory_;
     RequestScheduler scheduler_;
     const Posix::FileDescriptor epoll_;

@@ -60,6 +60,7 @@ public:
     std::size_t held() const;
     std::size_t heldFor(ClientId client) const;
     std::size_t ceiling() const { return limits_.pool + limits_.floorPool; }
+    std::size_t clientShare() const { return limits_.clientShare; }
 
 private:
     void change(ClientId client, std::size_t before, std::size_t after) QV_REQUIRES(mutex_);
