@@ -211,14 +211,15 @@ TEST(ChannelLoop, ABlockedCompletionHandlerAndChannelsDroppedElsewhereStallNothi
     auto [service, client] = loop.pair(1);
     // The first answer waits until its handler is registered, so that the
     // handler runs where answers are delivered, not at once on this thread.
-    std::binary_semaphore registered(0);
-    service.RequestReceived([&](auto&, const AppServiceRequestReceivedEventArgs& args) {
-        if (args.Request().Message().HasKey(u"data")) registered.acquire();
+    // Shared with the handlers, which may still be waking when the test ends.
+    const auto registered = std::make_shared<std::binary_semaphore>(0);
+    const auto unblock = std::make_shared<std::binary_semaphore>(0);
+    service.RequestReceived([registered](auto&, const AppServiceRequestReceivedEventArgs& args) {
+        if (args.Request().Message().HasKey(u"data")) registered->acquire();
         args.Request().SendResponseAsync(ValueSet());
     });
-    std::binary_semaphore unblock(0);
-    client.SendMessageAsync(carrying(2)).Completed([&](auto&, auto) { unblock.acquire(); });
-    registered.release();
+    client.SendMessageAsync(carrying(2)).Completed([unblock](auto&, auto) { unblock->acquire(); });
+    registered->release();
     std::vector<std::thread> droppers;
     for (int thread = 0; thread < 4; ++thread) {
         droppers.emplace_back([&] {
@@ -237,7 +238,7 @@ TEST(ChannelLoop, ABlockedCompletionHandlerAndChannelsDroppedElsewhereStallNothi
         }
     } catch (const std::runtime_error&) {
     }
-    unblock.release();
+    unblock->release();
     EXPECT_EQ(answered, 40);
 }
 
